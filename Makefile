@@ -1,0 +1,52 @@
+# Drives CMake. Every target first installs missing Debian packages.
+#   make demo       build and run the main example
+#   make test       build and run every test (ctest)
+#   make sanitize   the same tests built with clang, ASan and UBSan
+#   make bench      build and run the benchmarks (Release)
+#   make install    install into PREFIX (default /usr/local)
+
+BUILD    ?= build
+SAN      ?= build-san
+BENCHDIR ?= build-bench
+PREFIX   ?= /usr/local
+JOBS     ?= $(shell nproc)
+CMAKE_FLAGS ?=
+
+.PHONY: all deps build demo test sanitize bench install format clean
+
+all: build
+
+deps:
+	@scripts/install-deps.sh
+
+$(BUILD)/build.ninja: | deps
+	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS)
+
+build: deps $(BUILD)/build.ninja
+	cmake --build $(BUILD) -j $(JOBS)
+
+demo: build
+	$(BUILD)/examples/zor_tour
+
+test: build
+	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
+
+sanitize: deps
+	CC=clang CXX=clang++ cmake -S . -B $(SAN) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZOR_SANITIZE=ON $(CMAKE_FLAGS)
+	cmake --build $(SAN) -j $(JOBS)
+	ASAN_OPTIONS=detect_leaks=1:allocator_may_return_null=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  ctest --test-dir $(SAN) --output-on-failure -j $(JOBS)
+
+bench: deps
+	cmake -S . -B $(BENCHDIR) -G Ninja -DCMAKE_BUILD_TYPE=Release -DZOR_BUILD_BENCH=ON -DZOR_BUILD_TESTS=OFF $(CMAKE_FLAGS)
+	cmake --build $(BENCHDIR) -j $(JOBS)
+	@for b in $(BENCHDIR)/bench/bench_*; do echo "== $$b"; $$b --benchmark_min_time=0.2; done
+
+install: build
+	cmake --install $(BUILD) --prefix $(PREFIX)
+
+format:
+	clang-format -i $$(git ls-files '*.c' '*.cpp' '*.h')
+
+clean:
+	rm -rf $(BUILD) $(SAN) $(BENCHDIR)

@@ -1,0 +1,180 @@
+/*
+ * Partitions. See zor_partition.h for the layout; the invariant kept here
+ * is that a bucket's `tail` always points at the slot pointer the next
+ * entry's slot is stored in: the bucket's own `first` while it is empty,
+ * else the `next` of its last slot. Slots start zeroed and are never
+ * reused, so a new slot's `next` is already null.
+ */
+#include "zor_partition.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+static_assert(offsetof(zor_partition, next_size) == 0, "zor_partition field order");
+static_assert(offsetof(zor_partition, elems) == 8, "zor_partition field order");
+static_assert(offsetof(zor_partition, bucket_count) == 16, "zor_partition field order");
+static_assert(offsetof(zor_partition, buckets) == 24, "zor_partition field order");
+static_assert(offsetof(zor_partition_elems, count) == 0, "zor_partition_elems field order");
+static_assert(offsetof(zor_partition_elems, size) == 4, "zor_partition_elems field order");
+static_assert(offsetof(zor_partition_elems, slots) == 8, "zor_partition_elems field order");
+static_assert(offsetof(zor_partition_elems, next) == 16, "zor_partition_elems field order");
+static_assert(offsetof(zor_partition_elem, next) == 0, "zor_partition_elem field order");
+static_assert(offsetof(zor_partition_elem, entry) == 8, "zor_partition_elem field order");
+static_assert(offsetof(zor_partition_bucket, partition) == 0, "bucket field order");
+static_assert(offsetof(zor_partition_bucket, count) == 8, "bucket field order");
+static_assert(offsetof(zor_partition_bucket, first) == 16, "bucket field order");
+static_assert(offsetof(zor_partition_bucket, tail) == 24, "bucket field order");
+static_assert(offsetof(zor_partition_bucket, next) == 32, "bucket field order");
+static_assert(offsetof(zor_partition_bucket, data) == 40, "bucket field order");
+static_assert(offsetof(zor_partition_entries_state, bucket) == 0, "entries state field order");
+static_assert(offsetof(zor_partition_entries_state, cur) == 8, "entries state field order");
+
+/* Adds a zeroed slot array of `size` slots in front of the partition's arrays. */
+static zor_partition_elems *zor_partition_elems_alloc(zor_partition *p, uint32_t size)
+{
+    zor_partition_elems *elems =
+        static_cast<zor_partition_elems *>(util_calloc(sizeof(zor_partition_elems)));
+    elems->slots =
+        static_cast<zor_partition_elem *>(util_calloc(sizeof(zor_partition_elem) * size));
+    elems->count = 0;
+    elems->size = size;
+    elems->next = p->elems;
+    p->elems = elems;
+    return elems;
+}
+
+/* The newest array is full: add one of next_size slots and double next_size. */
+static __attribute__((noinline)) zor_partition_elems *zor_partition_grow(zor_partition *p)
+{
+    zor_partition_elems *elems = zor_partition_elems_alloc(p, p->next_size);
+    p->next_size *= 2;
+    return elems;
+}
+
+/* Takes the next free slot of `elems`. */
+static inline zor_partition_elem *zor_partition_elem_get(zor_partition_elems *elems)
+{
+    ZOR_ASSERT(elems->count < elems->size);
+    return &elems->slots[elems->count++];
+}
+
+void zor_partition_create(zor_partition *p, uint32_t size)
+{
+    memset(p, 0, sizeof(*p));
+    zor_partition_elems_alloc(p, size);
+    p->next_size = 128;
+}
+
+void zor_partition_bucket_add(zor_partition *p, zor_partition_bucket *b, void *data)
+{
+    memset(b, 0, sizeof(*b));
+    b->partition = p;
+    b->count = 0;
+    b->first = nullptr;
+    b->tail = &b->first;
+    b->data = data;
+    b->next = p->buckets;
+    p->buckets = b;
+    p->bucket_count++;
+}
+
+void zor_partition_entry_add(zor_partition_bucket *b, void *entry)
+{
+    zor_partition_elems *elems = b->partition->elems;
+    if (__builtin_expect(elems->count == elems->size, 0))
+        elems = zor_partition_grow(b->partition);
+    zor_partition_elem *slot = zor_partition_elem_get(elems);
+    slot->entry = entry;
+    *b->tail = slot;
+    b->tail = &slot->next;
+    b->count++;
+}
+
+/* ---- walks -------------------------------------------------------------- */
+
+static void *zor_partition_buckets_first(void *, void *info)
+{
+    return static_cast<zor_partition *>(info)->buckets;
+}
+
+static void *zor_partition_buckets_next(void *item, void *)
+{
+    return static_cast<zor_partition_bucket *>(item)->next;
+}
+
+int zor_partition_buckets_iterator(zor_iter *iter, zor_partition *p)
+{
+    zor_iter_init(iter, zor_partition_buckets_first, zor_partition_buckets_next, nullptr, p);
+    return 1;
+}
+
+static void *zor_partition_entries_first(void *, void *info)
+{
+    zor_partition_entries_state *state = static_cast<zor_partition_entries_state *>(info);
+    state->cur = state->bucket->first;
+    return state->cur != nullptr ? state->cur->entry : nullptr;
+}
+
+static void *zor_partition_entries_next(void *, void *info)
+{
+    zor_partition_entries_state *state = static_cast<zor_partition_entries_state *>(info);
+    state->cur = state->cur->next;
+    return state->cur != nullptr ? state->cur->entry : nullptr;
+}
+
+int zor_partition_bucket_entries_iterator(zor_iter *iter, zor_partition_entries_state *state,
+                                          zor_partition_bucket *b)
+{
+    state->bucket = b;
+    state->cur = nullptr;
+    zor_iter_init(iter, zor_partition_entries_first, zor_partition_entries_next, nullptr, state);
+    return 1;
+}
+
+void zor_partition_bucket_process(zor_partition_bucket *b, zor_partition_process_fn fn)
+{
+    zor_iter iter;
+    zor_partition_entries_state state;
+    zor_iter_create(&iter, zor_partition_bucket_entries_iterator(&iter, &state, b));
+    fn(b->count, &iter, b->data);
+    zor_iter_free(&iter);
+}
+
+void zor_partition_process(zor_partition *p, zor_partition_process_fn fn)
+{
+    zor_iter iter;
+    zor_partition_bucket *b;
+    zor_iter_create(&iter, zor_partition_buckets_iterator(&iter, p));
+    ZOR_ITER_FOREACH(&iter, b)
+    {
+        zor_partition_bucket_process(b, fn);
+    }
+    zor_iter_free(&iter);
+}
+
+/* ---- teardown ----------------------------------------------------------- */
+
+void zor_partition_destroy(zor_partition *p)
+{
+    zor_partition_elems *elems = p->elems;
+    while (elems != nullptr) {
+        zor_partition_elems *older = elems->next;
+        free(elems->slots);
+        free(elems);
+        elems = older;
+    }
+    p->elems = nullptr;
+    zor_partition_bucket *b = p->buckets;
+    while (b != nullptr) {
+        zor_partition_bucket *next = b->next;
+        memset(b, 0, sizeof(*b));
+        b = next;
+    }
+    p->buckets = nullptr;
+}
+
+void zor_partition_reset(zor_partition *p)
+{
+    zor_partition_destroy(p);
+    zor_partition_create(p, 128);
+}

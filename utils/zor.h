@@ -1,0 +1,15 @@
+/*
+ * zor.h - the umbrella header: includes every public header of the library.
+ * A program needs only #include "zor.h" with the headers' directory on its
+ * include path.
+ */
+#ifndef ZOR_H
+#define ZOR_H
+
+#include "zor_utils.h"
+#include "zor_str.h"
+#include "zor_iter.h"
+#include "zor_list.h"
+#include "zor_partition.h"
+
+#endif /* ZOR_H */

@@ -1,0 +1,115 @@
+/*
+ * zor_partition.h - partitions: entries collected into buckets.
+ *
+ * A partition gathers caller pointers (entries) into caller-owned buckets,
+ * cheaply and in bulk, to hand them out later bucket by bucket. It is built
+ * up, walked, and dropped whole: single entries or buckets are never
+ * removed. The registry queues changed records this way between a change
+ * and its delivery.
+ *
+ * The partition owns the entry slots. Slots are carved in order from slot
+ * arrays that never move; when the newest array is full a new one of
+ * next_size slots is added and next_size doubles (create size N gives
+ * arrays of N, 128, 256, 512, ... slots). A bucket chains its slots through
+ * their `next`, so buckets of one partition interleave freely in the same
+ * arrays and adding an entry is constant time with no per-entry allocation.
+ */
+#ifndef ZOR_PARTITION_H
+#define ZOR_PARTITION_H
+
+#include <stdint.h>
+
+#include "zor_iter.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* One slot: an entry and the following slot of the same bucket. */
+typedef struct zor_partition_elem {
+    struct zor_partition_elem *next; /* null for the bucket's last slot */
+    void *entry;                     /* the caller's pointer, never null */
+} zor_partition_elem;
+
+/* A slot array, allocated by the partition. */
+typedef struct zor_partition_elems {
+    uint32_t count;                   /* slots handed out */
+    uint32_t size;                    /* slots in the array */
+    zor_partition_elem *slots;        /* `size` slots, zeroed at allocation */
+    struct zor_partition_elems *next; /* the array allocated before this one */
+} zor_partition_elems;
+
+struct zor_partition_bucket;
+
+/* The partition, in caller memory, made ready by zor_partition_create. */
+typedef struct zor_partition {
+    uint32_t next_size;                   /* slots of the next array; 128, doubling */
+    zor_partition_elems *elems;           /* newest slot array */
+    uint32_t bucket_count;                /* buckets added since creation */
+    struct zor_partition_bucket *buckets; /* most recently added bucket */
+} zor_partition;
+
+/* A bucket, in caller memory, made ready by zor_partition_bucket_add. */
+typedef struct zor_partition_bucket {
+    zor_partition *partition;          /* the partition it belongs to */
+    uint32_t count;                    /* entries added */
+    zor_partition_elem *first;         /* first slot; null when empty */
+    zor_partition_elem **tail;         /* where the next slot's address is stored */
+    struct zor_partition_bucket *next; /* the bucket added before this one */
+    void *data;                        /* caller's value, passed to the process callback */
+} zor_partition_bucket;
+
+/* State of a bucket entries walk, provided by the caller. */
+typedef struct zor_partition_entries_state {
+    zor_partition_bucket *bucket; /* the bucket walked */
+    zor_partition_elem *cur;      /* the slot the walk stands on */
+} zor_partition_entries_state;
+
+/*
+ * Called once per bucket by the process functions with the bucket's entry
+ * count, a fresh iterator over its entries and its data.
+ */
+typedef void (*zor_partition_process_fn)(uint32_t count, zor_iter *iter, void *data);
+
+/* Clears `p` and allocates its first slot array of `size` slots. */
+void zor_partition_create(zor_partition *p, uint32_t size);
+
+/* Makes the caller's record `b` an empty bucket of `p` holding `data`. */
+void zor_partition_bucket_add(zor_partition *p, zor_partition_bucket *b, void *data);
+
+/* Appends `entry` (not null) to bucket `b`. Constant time. */
+void zor_partition_entry_add(zor_partition_bucket *b, void *entry);
+
+/* Makes `iter` walk the buckets of `p`, most recently added first. Returns 1. */
+int zor_partition_buckets_iterator(zor_iter *iter, zor_partition *p);
+
+/*
+ * Makes `iter` walk the entries of `b` in the order they were added, using
+ * the caller's `state`. Returns 1.
+ */
+int zor_partition_bucket_entries_iterator(zor_iter *iter, zor_partition_entries_state *state,
+                                          zor_partition_bucket *b);
+
+/* Calls `fn` once for `b` with its count, an entries iterator and its data. */
+void zor_partition_bucket_process(zor_partition_bucket *b, zor_partition_process_fn fn);
+
+/*
+ * zor_partition_bucket_process for every bucket, most recently added first.
+ * Buckets added by `fn` during the walk are not visited.
+ */
+void zor_partition_process(zor_partition *p, zor_partition_process_fn fn);
+
+/*
+ * Frees the slot arrays and zeroes every bucket record. next_size and
+ * bucket_count keep their values; create or reset before using `p` again.
+ */
+void zor_partition_destroy(zor_partition *p);
+
+/* zor_partition_destroy, then zor_partition_create with 128 slots. */
+void zor_partition_reset(zor_partition *p);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* ZOR_PARTITION_H */
