@@ -11,5 +11,6 @@
 #include "zor_iter.h"
 #include "zor_list.h"
 #include "zor_partition.h"
+#include "zor_datatype.h"
 
 #endif /* ZOR_H */
