@@ -12,8 +12,8 @@
 #include <stdio.h>
 
 struct interface {
-    zor_list_link all;  /* link in the list of all interfaces */
-    zor_list_link up;   /* link in the list of interfaces that are up */
+    zor_list_link all; /* link in the list of all interfaces */
+    zor_list_link up;  /* link in the list of interfaces that are up */
     const char *name;
     int mtu;
 };
@@ -55,8 +55,7 @@ static void print_change_bucket(uint32_t count, zor_iter *iter, void *data)
 {
     struct interface *itf;
     printf("  %s (%u):", (const char *)data, count);
-    ZOR_ITER_FOREACH(iter, itf)
-    {
+    ZOR_ITER_FOREACH (iter, itf) {
         printf(" %s", itf->name);
     }
     printf("\n");
@@ -65,8 +64,10 @@ static void print_change_bucket(uint32_t count, zor_iter *iter, void *data)
 int main(void)
 {
     struct interface itfs[] = {
-        {{0, 0}, {0, 0}, "eth0", 1500}, {{0, 0}, {0, 0}, "eth1", 9000},
-        {{0, 0}, {0, 0}, "lo", 65536},  {{0, 0}, {0, 0}, "wlan0", 1500},
+        {{0, 0}, {0, 0}, "eth0", 1500},
+        {{0, 0}, {0, 0}, "eth1", 9000},
+        {{0, 0}, {0, 0}, "lo", 65536},
+        {{0, 0}, {0, 0}, "wlan0", 1500},
     };
     const int n = sizeof(itfs) / sizeof(itfs[0]);
 
@@ -86,8 +87,7 @@ int main(void)
     struct interface *itf;
     printf("all interfaces (%u):\n", all.count);
     zor_iter_create(&it, zor_list_iterator(&it, &state, &all));
-    ZOR_ITER_FOREACH(&it, itf)
-    {
+    ZOR_ITER_FOREACH (&it, itf) {
         printf("  %-6s mtu %d\n", itf->name, itf->mtu);
     }
     zor_iter_free(&it);
@@ -96,8 +96,7 @@ int main(void)
     struct two_lists t = {{&all, &up}, {{0, 0}, {0, 0}}, 0};
     int visits = 0;
     zor_iter_create(&it, zor_iter_nested_iterator(&it, list_of_lists, &t));
-    ZOR_ITER_FOREACH(&it, itf)
-    {
+    ZOR_ITER_FOREACH (&it, itf) {
         visits++;
     }
     zor_iter_free(&it);
@@ -111,8 +110,7 @@ int main(void)
     zor_iter *members[] = {&up_it, &all_it};
     zor_iter_create(&chain, zor_iter_chain_iterator(&chain, 2, members));
     printf("chain (up, then all):");
-    ZOR_ITER_FOREACH(&chain, itf)
-    {
+    ZOR_ITER_FOREACH (&chain, itf) {
         printf(" %s", itf->name);
     }
     printf("\n");

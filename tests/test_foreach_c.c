@@ -24,14 +24,12 @@ int zor_test_c_foreach_sum(int n, int stop)
     const struct c_elem *e;
     int sum = 0;
     zor_iter_create(&it, zor_list_iterator(&it, &state, &list));
-    ZOR_ITER_FOREACH(&it, e)
-    {
+    ZOR_ITER_FOREACH (&it, e) {
         if (e->value == stop)
             break;
         sum += e->value;
     }
-    ZOR_ITER_FOREACH(&it, e)
-    {
+    ZOR_ITER_FOREACH (&it, e) {
         sum += 1000; /* never runs: the walk is over */
     }
     zor_iter_free(&it);

@@ -4,7 +4,8 @@
 
 #include <vector>
 
-namespace {
+namespace
+{
 
 /* A test collection: walks an array of ints, optionally recording free calls. */
 struct array_walk {
@@ -47,8 +48,7 @@ std::vector<int> collect(zor_iter *iter)
 {
     std::vector<int> out;
     int *item;
-    ZOR_ITER_FOREACH(iter, item)
-    {
+    ZOR_ITER_FOREACH (iter, item) {
         out.push_back(*item);
     }
     return out;
@@ -110,16 +110,14 @@ TEST(Iter, ForeachBreakEndsTheWalkForGood)
     zor_iter_create(&it, array_iterator(&it, &items));
     int *item;
     int runs = 0;
-    ZOR_ITER_FOREACH(&it, item)
-    {
+    ZOR_ITER_FOREACH (&it, item) {
         runs++;
         if (*item == 2)
             break;
     }
     EXPECT_EQ(runs, 2);
     EXPECT_EQ(it.count, 2u);
-    ZOR_ITER_FOREACH(&it, item)
-    {
+    ZOR_ITER_FOREACH (&it, item) {
         ADD_FAILURE() << "a second walking form must not run";
     }
     zor_iter_free(&it);
@@ -131,8 +129,7 @@ TEST(Iter, ForeachConvertsToAnyObjectPointer)
     zor_iter it;
     zor_iter_create(&it, array_iterator(&it, &items));
     const int *item = nullptr;
-    ZOR_ITER_FOREACH(&it, item)
-    {
+    ZOR_ITER_FOREACH (&it, item) {
         EXPECT_EQ(*item, 7);
     }
     EXPECT_EQ(item, nullptr); /* the variable ends null after a full walk */
@@ -141,12 +138,13 @@ TEST(Iter, ForeachConvertsToAnyObjectPointer)
 
 /* ---- nested --------------------------------------------------------------- */
 
-namespace {
+namespace
+{
 
 struct tree {
-    std::vector<int> parents;                /* parent ids */
-    std::vector<std::vector<int>> children;  /* children per parent id */
-    std::vector<int> created_for;            /* parents `create` was called with */
+    std::vector<int> parents;               /* parent ids */
+    std::vector<std::vector<int>> children; /* children per parent id */
+    std::vector<int> created_for;           /* parents `create` was called with */
     int freed = 0;
 };
 

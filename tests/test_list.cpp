@@ -4,7 +4,8 @@
 
 #include <vector>
 
-namespace {
+namespace
+{
 
 /* An element that can sit in two lists: link `a` at offset 16, `b` at 32. */
 struct elem {
@@ -22,8 +23,7 @@ std::vector<int> walk(zor_list *list)
     zor_list_iter_state state;
     elem *e;
     zor_iter_create(&it, zor_list_iterator(&it, &state, list));
-    ZOR_ITER_FOREACH(&it, e)
-    {
+    ZOR_ITER_FOREACH (&it, e) {
         out.push_back(e->value);
     }
     zor_iter_free(&it);
@@ -139,8 +139,7 @@ TEST(List, WalkMayFreeTheElementItHolds)
     zor_list_iter_state state;
     elem *e;
     zor_iter_create(&it, zor_list_iterator(&it, &state, &list));
-    ZOR_ITER_FOREACH(&it, e)
-    {
+    ZOR_ITER_FOREACH (&it, e) {
         seen.push_back(e->value);
         zor_list_remove(&list, e);
         memset(e, 0xEE, sizeof(*e)); /* what it held is garbage now */

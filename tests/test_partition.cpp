@@ -5,7 +5,8 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace
+{
 
 std::vector<int> entries_of(zor_partition_bucket *b)
 {
@@ -14,8 +15,7 @@ std::vector<int> entries_of(zor_partition_bucket *b)
     zor_partition_entries_state state;
     int *entry;
     zor_iter_create(&it, zor_partition_bucket_entries_iterator(&it, &state, b));
-    ZOR_ITER_FOREACH(&it, entry)
-    {
+    ZOR_ITER_FOREACH (&it, entry) {
         out.push_back(*entry);
     }
     zor_iter_free(&it);
@@ -49,8 +49,7 @@ void record_call(uint32_t count, zor_iter *iter, void *data)
 {
     seen_call call{static_cast<const char *>(data), count, {}};
     int *entry;
-    ZOR_ITER_FOREACH(iter, entry)
-    {
+    ZOR_ITER_FOREACH (iter, entry) {
         call.entries.push_back(*entry);
     }
     seen.push_back(call);
@@ -154,7 +153,8 @@ TEST(Partition, InterleavedBucketsAndProcessOrder)
     zor_partition_destroy(&p);
 }
 
-namespace {
+namespace
+{
 
 zor_partition *adding_to;
 zor_partition_bucket late_bucket;

@@ -77,8 +77,15 @@ void zor_partition_create(zor_partition *p, uint32_t size);
 /* Makes the caller's record `b` an empty bucket of `p` holding `data`. */
 void zor_partition_bucket_add(zor_partition *p, zor_partition_bucket *b, void *data);
 
-/* Appends `entry` (not null) to bucket `b`. Constant time. */
+/* Appends `entry` (not null) to bucket `b`. Constant time; inlinable (below). */
 void zor_partition_entry_add(zor_partition_bucket *b, void *entry);
+
+/*
+ * Adds a slot array of next_size slots in front of the partition's arrays
+ * and doubles next_size; returns the new array. Called by the append when
+ * the newest array is full; not needed by callers otherwise.
+ */
+zor_partition_elems *zor_partition_grow(zor_partition *p);
 
 /* Makes `iter` walk the buckets of `p`, most recently added first. Returns 1. */
 int zor_partition_buckets_iterator(zor_iter *iter, zor_partition *p);
@@ -107,6 +114,41 @@ void zor_partition_destroy(zor_partition *p);
 
 /* zor_partition_destroy, then zor_partition_create with 128 slots. */
 void zor_partition_reset(zor_partition *p);
+
+/*
+ * The append is the hot path of change queueing, so its body is here for
+ * callers' compilers to inline. Outside the library these definitions are
+ * inline-only (GNU extern inline: never emitted; a call that is not inlined
+ * goes to the library's export). The library's own source defines
+ * ZOR_PARTITION_EXPORTS and so compiles them as its exported functions:
+ * one body for both.
+ */
+#ifdef ZOR_PARTITION_EXPORTS
+#define ZOR_PARTITION_INLINE
+#else
+#define ZOR_PARTITION_INLINE extern inline __attribute__((gnu_inline))
+#endif
+
+/* Takes the next free slot of `elems`. */
+zor_partition_elem *zor_partition_elem_get(zor_partition_elems *elems);
+
+ZOR_PARTITION_INLINE zor_partition_elem *zor_partition_elem_get(zor_partition_elems *elems)
+{
+    ZOR_ASSERT(elems->count < elems->size);
+    return &elems->slots[elems->count++];
+}
+
+ZOR_PARTITION_INLINE void zor_partition_entry_add(zor_partition_bucket *b, void *entry)
+{
+    zor_partition_elems *elems = b->partition->elems;
+    if (__builtin_expect(elems->count == elems->size, 0))
+        elems = zor_partition_grow(b->partition);
+    zor_partition_elem *slot = zor_partition_elem_get(elems);
+    slot->entry = entry;
+    *b->tail = slot;
+    b->tail = &slot->next;
+    b->count++;
+}
 
 #ifdef __cplusplus
 }

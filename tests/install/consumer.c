@@ -21,8 +21,7 @@ int main(void)
     struct item *item;
     int sum = 0;
     zor_iter_create(&it, zor_list_iterator(&it, &state, &list));
-    ZOR_ITER_FOREACH(&it, item)
-    {
+    ZOR_ITER_FOREACH (&it, item) {
         sum += item->value;
     }
     zor_iter_free(&it);

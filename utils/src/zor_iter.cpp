@@ -15,7 +15,8 @@ static_assert(offsetof(zor_iter, count) == 40, "zor_iter field order");
 static_assert(offsetof(zor_iter, fresh) == 44, "zor_iter field order");
 static_assert(offsetof(zor_iter, finished) == 48, "zor_iter field order");
 static_assert(offsetof(zor_iter_nested_info, outer) == 0, "nested state field order");
-static_assert(offsetof(zor_iter_nested_info, inner) == sizeof(zor_iter), "nested state field order");
+static_assert(offsetof(zor_iter_nested_info, inner) == sizeof(zor_iter),
+              "nested state field order");
 static_assert(offsetof(zor_iter_nested_info, inner_active) == 2 * sizeof(zor_iter),
               "nested state field order");
 static_assert(offsetof(zor_iter_nested_info, create) > offsetof(zor_iter_nested_info, inner_active),

@@ -5,6 +5,7 @@
  * else the `next` of its last slot. Slots start zeroed and are never
  * reused, so a new slot's `next` is already null.
  */
+#define ZOR_PARTITION_EXPORTS /* the header's inline bodies are exported from here */
 #include "zor_partition.h"
 
 #include <stdlib.h>
@@ -43,19 +44,11 @@ static zor_partition_elems *zor_partition_elems_alloc(zor_partition *p, uint32_t
     return elems;
 }
 
-/* The newest array is full: add one of next_size slots and double next_size. */
-static __attribute__((noinline)) zor_partition_elems *zor_partition_grow(zor_partition *p)
+zor_partition_elems *zor_partition_grow(zor_partition *p)
 {
     zor_partition_elems *elems = zor_partition_elems_alloc(p, p->next_size);
     p->next_size *= 2;
     return elems;
-}
-
-/* Takes the next free slot of `elems`. */
-static inline zor_partition_elem *zor_partition_elem_get(zor_partition_elems *elems)
-{
-    ZOR_ASSERT(elems->count < elems->size);
-    return &elems->slots[elems->count++];
 }
 
 void zor_partition_create(zor_partition *p, uint32_t size)
@@ -78,17 +71,7 @@ void zor_partition_bucket_add(zor_partition *p, zor_partition_bucket *b, void *d
     p->bucket_count++;
 }
 
-void zor_partition_entry_add(zor_partition_bucket *b, void *entry)
-{
-    zor_partition_elems *elems = b->partition->elems;
-    if (__builtin_expect(elems->count == elems->size, 0))
-        elems = zor_partition_grow(b->partition);
-    zor_partition_elem *slot = zor_partition_elem_get(elems);
-    slot->entry = entry;
-    *b->tail = slot;
-    b->tail = &slot->next;
-    b->count++;
-}
+/* zor_partition_elem_get and zor_partition_entry_add are defined in the header. */
 
 /* ---- walks -------------------------------------------------------------- */
 
@@ -145,8 +128,7 @@ void zor_partition_process(zor_partition *p, zor_partition_process_fn fn)
     zor_iter iter;
     zor_partition_bucket *b;
     zor_iter_create(&iter, zor_partition_buckets_iterator(&iter, p));
-    ZOR_ITER_FOREACH(&iter, b)
-    {
+    ZOR_ITER_FOREACH (&iter, b) {
         zor_partition_bucket_process(b, fn);
     }
     zor_iter_free(&iter);
