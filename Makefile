@@ -2,6 +2,7 @@
 #   make demo       build and run the main example
 #   make test       build and run every test (ctest)
 #   make sanitize   the same tests built with clang, ASan and UBSan
+#   make memcheck   every test program under valgrind memcheck (errors and leaks fail)
 #   make bench      build and run the benchmarks (Release)
 #   make install    install into PREFIX (default /usr/local)
 
@@ -12,7 +13,7 @@ PREFIX   ?= /usr/local
 JOBS     ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build demo test sanitize bench install format clean
+.PHONY: all deps build demo test sanitize memcheck bench install format clean
 
 all: build
 
@@ -36,6 +37,9 @@ sanitize: deps
 	cmake --build $(SAN) -j $(JOBS)
 	ASAN_OPTIONS=detect_leaks=1:allocator_may_return_null=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --test-dir $(SAN) --output-on-failure -j $(JOBS)
+
+memcheck: build
+	scripts/memcheck.sh $(BUILD)
 
 bench: deps
 	cmake -S . -B $(BENCHDIR) -G Ninja -DCMAKE_BUILD_TYPE=Release -DZOR_BUILD_BENCH=ON -DZOR_BUILD_TESTS=OFF $(CMAKE_FLAGS)
