@@ -248,7 +248,7 @@ void zor_reg_entry_changed(zor_reg_field_info *field, zor_reg_entry *entry)
             zor_partition_bucket_add(&level->parts[a], &reg->buckets[a], reg);
             reg->in_partition = 1;
         }
-        zor_partition_entry_add(&reg->buckets[a], hdr);
+        zor_reg_bucket_append(&level->parts[a], &reg->buckets[a], hdr);
     }
 }
 
@@ -317,7 +317,9 @@ static inline void zor_reg_set_bit_put(zor_reg_entry *entry, const zor_reg_rec_i
         zor_reg_bit_put(zor_reg_entry_snapshot_bits(entry, rec_info), id, value);
 }
 
-void zor_reg_field_set(void *rec, zor_reg_field_info *field, const void *value)
+/* The hot path: everything it calls in this file is inlined into it. */
+__attribute__((flatten)) void zor_reg_field_set(void *rec, zor_reg_field_info *field,
+                                                const void *value)
 {
     zor_reg_rec_info *rec_info = field->rec_info;
     zor_reg_entry *entry = zor_reg_rec_entry(rec, rec_info);
