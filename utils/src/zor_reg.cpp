@@ -1,0 +1,502 @@
+/*
+ * The registry's registrations, field and flag values, and the accessors
+ * of the callback information record.
+ *
+ * The road of one change: the setter decides from the set bit and the
+ * type's cmp_eq whether anything changes (an unchanged set costs a bit
+ * test and one compare), calls the field's notifiers while the record
+ * still holds the old value, marks the record for an active snapshot and
+ * backs up the old value once, stores the new value through the type's
+ * write, queues the entry for the registrations in the field's bucket
+ * (the queued bits keep it to once per registration until processing),
+ * and finally updates the set bits.
+ */
+#include "zor_reg_internal.h"
+
+#include <stdarg.h>
+#include <stdlib.h>
+#include <string.h>
+
+static_assert(offsetof(zor_reg_notifier, link) == 0, "zor_reg_notifier field order");
+static_assert(offsetof(zor_reg_notifier, cb) == 16, "zor_reg_notifier field order");
+static_assert(offsetof(zor_reg_notifier, ctx) == 24, "zor_reg_notifier field order");
+
+static_assert(offsetof(zor_reg_rec_update, link) == 0, "zor_reg_rec_update field order");
+static_assert(offsetof(zor_reg_rec_update, ds_rec) == 16, "zor_reg_rec_update field order");
+static_assert(offsetof(zor_reg_rec_update, id) == 24, "zor_reg_rec_update field order");
+static_assert(offsetof(zor_reg_rec_update, level) == 28, "zor_reg_rec_update field order");
+static_assert(offsetof(zor_reg_rec_update, cb) == 32, "zor_reg_rec_update field order");
+static_assert(offsetof(zor_reg_rec_update, ctx) == 40, "zor_reg_rec_update field order");
+static_assert(offsetof(zor_reg_rec_update, follow_ctrl) == 48, "zor_reg_rec_update field order");
+static_assert(offsetof(zor_reg_rec_update, field_bits) == 56, "zor_reg_rec_update field order");
+static_assert(offsetof(zor_reg_rec_update, first_byte) == 64, "zor_reg_rec_update field order");
+static_assert(offsetof(zor_reg_rec_update, last_byte) == 68, "zor_reg_rec_update field order");
+static_assert(offsetof(zor_reg_rec_update, enable_pending) == 72, "zor_reg_rec_update field order");
+static_assert(offsetof(zor_reg_rec_update, resync) == 76, "zor_reg_rec_update field order");
+static_assert(offsetof(zor_reg_rec_update, failed) == 80, "zor_reg_rec_update field order");
+static_assert(offsetof(zor_reg_rec_update, enabled) == 84, "zor_reg_rec_update field order");
+static_assert(offsetof(zor_reg_rec_update, in_partition) == 88, "zor_reg_rec_update field order");
+static_assert(offsetof(zor_reg_rec_update, buckets) == 96, "zor_reg_rec_update field order");
+
+static_assert(offsetof(zor_reg_cb_info, ds) == 0, "zor_reg_cb_info field order");
+static_assert(offsetof(zor_reg_cb_info, reg) == 8, "zor_reg_cb_info field order");
+static_assert(offsetof(zor_reg_cb_info, resync) == 16, "zor_reg_cb_info field order");
+static_assert(offsetof(zor_reg_cb_info, count) == 20, "zor_reg_cb_info field order");
+static_assert(offsetof(zor_reg_cb_info, iter) == 24, "zor_reg_cb_info field order");
+static_assert(offsetof(zor_reg_cb_info, is_partitioned) == 32, "zor_reg_cb_info field order");
+static_assert(offsetof(zor_reg_cb_info, partition) == 40, "zor_reg_cb_info field order");
+static_assert(offsetof(zor_reg_cb_info, set_bucket) == 40 + sizeof(zor_partition),
+              "zor_reg_cb_info field order");
+static_assert(offsetof(zor_reg_cb_info, del_bucket) ==
+                  40 + sizeof(zor_partition) + sizeof(zor_partition_bucket),
+              "zor_reg_cb_info field order");
+static_assert(offsetof(zor_reg_cb_info, set_iter) ==
+                  40 + sizeof(zor_partition) + 2 * sizeof(zor_partition_bucket),
+              "zor_reg_cb_info field order");
+static_assert(offsetof(zor_reg_cb_info, del_iter) ==
+                  offsetof(zor_reg_cb_info, set_iter) + sizeof(zor_iter),
+              "zor_reg_cb_info field order");
+static_assert(offsetof(zor_reg_cb_info, set_count) ==
+                  offsetof(zor_reg_cb_info, del_iter) + sizeof(zor_iter),
+              "zor_reg_cb_info field order");
+static_assert(offsetof(zor_reg_cb_info, del_count) == offsetof(zor_reg_cb_info, set_count) + 4,
+              "zor_reg_cb_info field order");
+static_assert(offsetof(zor_reg_cb_info, set_state) > offsetof(zor_reg_cb_info, del_count),
+              "zor_reg_cb_info field order");
+static_assert(offsetof(zor_reg_cb_info, del_state) > offsetof(zor_reg_cb_info, set_state),
+              "zor_reg_cb_info field order");
+
+/* ---- registrations ------------------------------------------------------- */
+
+/* A new notifier appended to `list`. */
+static zor_reg_notifier *zor_reg_notifier_add(zor_list *list, zor_reg_notifier_cb cb, void *ctx)
+{
+    zor_reg_notifier *notifier =
+        static_cast<zor_reg_notifier *>(util_calloc(sizeof(zor_reg_notifier)));
+    notifier->cb = cb;
+    notifier->ctx = ctx;
+    zor_list_append(list, notifier);
+    return notifier;
+}
+
+zor_reg_notifier *zor_register_rec_create(zor_reg_ds *ds, zor_reg_rec_info *rec_info,
+                                          zor_reg_rec_fn cb, void *ctx, int notify_existing)
+{
+    struct zor_reg_ds_rec *ds_rec = zor_reg_ds_rec(ds, rec_info);
+    zor_reg_notifier_cb fn;
+    fn.rec = cb;
+    zor_reg_notifier *notifier = zor_reg_notifier_add(&ds_rec->create_regs, fn, ctx);
+    if (!notify_existing)
+        return notifier;
+
+    /* A walk of its own: this may be called from inside a walk of the kind's entry_iter. */
+    zor_iter iter;
+    zor_list_iter_state state;
+    zor_reg_entry *entry;
+    zor_iter_create(&iter, zor_list_iterator(&iter, &state, &ds_rec->entries));
+    ZOR_ITER_FOREACH (&iter, entry) {
+        void *rec = zor_reg_rec(entry);
+        if (rec == nullptr)
+            break;
+        cb(rec, ctx);
+    }
+    zor_iter_free(&iter);
+    return notifier;
+}
+
+zor_reg_notifier *zor_register_rec_delete(zor_reg_ds *ds, zor_reg_rec_info *rec_info,
+                                          zor_reg_rec_fn cb, void *ctx)
+{
+    struct zor_reg_ds_rec *ds_rec = zor_reg_ds_rec(ds, rec_info);
+    zor_reg_notifier_cb fn;
+    fn.rec = cb;
+    return zor_reg_notifier_add(&ds_rec->delete_regs, fn, ctx);
+}
+
+zor_reg_notifier *zor_register_field_update(zor_reg_ds *ds, zor_reg_field_info *field,
+                                            zor_reg_field_fn cb, void *ctx)
+{
+    struct zor_reg_ds_field *ds_field = zor_reg_ds_field(ds, field);
+    zor_reg_notifier_cb fn;
+    fn.field = cb;
+    return zor_reg_notifier_add(&ds_field->update_regs, fn, ctx);
+}
+
+zor_reg_rec_update *zor_register_rec_update(zor_reg_ds *ds, zor_reg_rec_info *rec_info,
+                                            uint32_t flags, zor_reg_update_fn cb, void *ctx)
+{
+    struct zor_reg_ds_rec *ds_rec = zor_reg_ds_rec(ds, rec_info);
+    zor_reg_rec_update *reg =
+        static_cast<zor_reg_rec_update *>(util_calloc(sizeof(zor_reg_rec_update)));
+    reg->ds_rec = ds_rec;
+    reg->id = ds_rec->update_regs.count;
+    reg->level = (flags & ZOR_REG_LEVEL_2) ? 2 : (flags & ZOR_REG_LEVEL_1) ? 1 : 0;
+    reg->cb = cb;
+    reg->ctx = ctx;
+    /* At least one byte, so that a kind without fields can still be scanned. */
+    uint32_t bytes = zor_reg_bit_bytes(ds_rec->field_count);
+    reg->field_bits = static_cast<uint8_t *>(util_calloc(bytes != 0 ? bytes : 1));
+    reg->first_byte = ds_rec->field_count / 8;
+    reg->last_byte = 0;
+    reg->enabled = 0;
+    reg->follow_ctrl = (flags & ZOR_REG_NO_CTRL_FLAGS) ? 0 : 1;
+    zor_list_append(&ds_rec->update_regs, reg);
+    return reg;
+}
+
+zor_reg_rec_update *zor_register_rec_update_v(zor_reg_ds *ds, zor_reg_rec_info *rec_info,
+                                              uint32_t flags, zor_reg_update_fn cb, void *ctx,
+                                              size_t field_count, ...)
+{
+    zor_reg_rec_update *reg = zor_register_rec_update(ds, rec_info, flags, cb, ctx);
+    ZOR_ASSERT(field_count != 0);
+    va_list fields;
+    va_start(fields, field_count);
+    for (size_t i = 0; i < field_count; i++)
+        zor_reg_rec_update_field_add(reg, va_arg(fields, zor_reg_field_info *));
+    va_end(fields);
+    return reg;
+}
+
+void zor_reg_rec_update_field_add(zor_reg_rec_update *reg, zor_reg_field_info *field)
+{
+    /*
+     * Follows the control-flag chain also through fields already watched.
+     * A chain cannot be longer than the kind's field count unless it loops;
+     * a loop is followed once round.
+     */
+    uint32_t steps = 0;
+    while (field != nullptr) {
+        ZOR_ASSERT(field->rec_info == reg->ds_rec->rec_info);
+        struct zor_reg_ds_field *ds_field = zor_reg_ds_field(reg->ds_rec->ds, field);
+        uint32_t i = field->id;
+        int was_watched = zor_reg_bit_get(reg->field_bits, i);
+        zor_reg_bit_set(reg->field_bits, i);
+        if (i / 8 < reg->first_byte)
+            reg->first_byte = i / 8;
+        if (i / 8 > reg->last_byte)
+            reg->last_byte = i / 8;
+        if (!ds_field->in_partition) {
+            zor_partition_bucket_add(&reg->ds_rec->field_partition, &ds_field->bucket, ds_field);
+            ds_field->in_partition = 1;
+        }
+        if (!was_watched)
+            zor_partition_entry_add(&ds_field->bucket, reg);
+        if (!reg->follow_ctrl || ++steps >= reg->ds_rec->field_count)
+            break;
+        field = field->ctrl_flag;
+    }
+}
+
+/* Puts the registration's bucket into its level's active partition, once. */
+static void zor_reg_queue(zor_reg_rec_update *reg)
+{
+    zor_reg_level *level = &reg->ds_rec->ds->levels[reg->level];
+    uint8_t a = level->active;
+    if (!reg->in_partition) {
+        zor_partition_bucket_add(&level->parts[a], &reg->buckets[a], reg);
+        reg->in_partition = 1;
+    }
+}
+
+void zor_reg_enable(zor_reg_rec_update *reg, int resync)
+{
+    if (!reg->enabled) {
+        reg->enable_pending = 1;
+        zor_reg_queue(reg);
+    }
+    if (resync)
+        zor_reg_resync(reg);
+}
+
+void zor_reg_resync(zor_reg_rec_update *reg)
+{
+    reg->resync = 1;
+    zor_reg_queue(reg);
+}
+
+void zor_reg_disable(zor_reg_rec_update *reg)
+{
+    reg->enable_pending = 0;
+    reg->resync = 0;
+    reg->failed = 0;
+    reg->enabled = 0;
+}
+
+/* ---- values -------------------------------------------------------------- */
+
+void zor_reg_entry_changed(zor_reg_field_info *field, zor_reg_entry *entry)
+{
+    zor_reg_entry *hdr = entry;
+    ZOR_ASSERT(!hdr->changes_prohibited);
+    if (zor_reg_entry_delete_pending(hdr))
+        return;
+    struct zor_reg_ds_rec *ds_rec = hdr->ds_rec;
+    struct zor_reg_ds_field *ds_field = &ds_rec->fields[field->id];
+    if (!ds_field->in_partition)
+        return;
+    uint8_t *queued = zor_reg_entry_queued_bits(hdr, ds_rec->rec_info);
+    zor_reg_level *levels = ds_rec->ds->levels;
+    for (zor_partition_elem *slot = ds_field->bucket.first; slot != nullptr; slot = slot->next) {
+        zor_reg_rec_update *reg = static_cast<zor_reg_rec_update *>(slot->entry);
+        if (zor_reg_bit_get(queued, reg->id))
+            continue;
+        zor_reg_bit_set(queued, reg->id);
+        zor_reg_level *level = &levels[reg->level];
+        uint8_t a = level->active;
+        if (!reg->in_partition) {
+            zor_partition_bucket_add(&level->parts[a], &reg->buckets[a], reg);
+            reg->in_partition = 1;
+        }
+        zor_reg_bucket_append(&level->parts[a], &reg->buckets[a], hdr);
+    }
+}
+
+/* Calls the field's notifiers in order; the record is not yet changed. */
+static inline void zor_reg_field_notifiers_call(struct zor_reg_ds_field *ds_field, void *rec,
+                                                const zor_reg_field_info *field, int is_set,
+                                                const void *value)
+{
+    zor_reg_notifier *next;
+    for (zor_reg_notifier *n = static_cast<zor_reg_notifier *>(ds_field->update_regs.first);
+         n != nullptr; n = next) {
+        next = static_cast<zor_reg_notifier *>(n->link.next);
+        n->cb.field(rec, field, is_set, value, n->ctx);
+    }
+}
+
+/* The first change of a record that existed at the snapshot puts it in the updated bucket. */
+static inline void zor_reg_snapshot_mark(zor_reg_ds *ds, zor_reg_entry *entry)
+{
+    if (ds->snapshot_active && !entry->snapshot_created && !entry->snapshot_updated) {
+        entry->snapshot_updated = 1;
+        zor_partition_entry_add(&ds->snapshot_updated_bucket, entry);
+    }
+}
+
+/*
+ * Stores a set or unset value through the type's write. With a snapshot
+ * active, the value the field had at the snapshot is backed up before its
+ * first overwrite.
+ */
+static inline void zor_reg_field_value_update(zor_reg_entry *entry, zor_reg_field_info *field,
+                                              const void *value, int is_set)
+{
+    const zor_datatype_info *type = field->type;
+    if (type->write == nullptr)
+        return;
+    zor_reg_rec_info *rec_info = field->rec_info;
+    char *stored = zor_reg_entry_rec(entry, rec_info) + field->offset;
+    if (!is_set) {
+        if (type->properties & ZOR_DATATYPE_PROP_RESET_ON_UNSET)
+            type->write(stored, nullptr, type);
+        return;
+    }
+    if (entry->ds_rec->ds->snapshot_active &&
+        !(type->properties & ZOR_DATATYPE_PROP_RESET_ON_UNSET) && !entry->snapshot_created &&
+        zor_reg_bit_get(zor_reg_entry_snapshot_bits(entry, rec_info), field->id)) {
+        if (entry->backup == nullptr)
+            entry->backup = util_calloc(rec_info->backup_size);
+        uint8_t *backup_bitfield =
+            static_cast<uint8_t *>(entry->backup) + rec_info->backup_bitfield_offset;
+        ZOR_ASSERT(backup_bitfield != ZOR_NULL);
+        if (!zor_reg_bit_get(backup_bitfield, field->id)) {
+            type->write(static_cast<char *>(entry->backup) + field->offset, stored, type);
+            zor_reg_bit_set(backup_bitfield, field->id);
+        }
+    }
+    type->write(stored, value, type);
+}
+
+/* Sets or clears a set bit, and its snapshot bit while no snapshot is active. */
+static inline void zor_reg_set_bit_put(zor_reg_entry *entry, const zor_reg_rec_info *rec_info,
+                                       uint32_t id, int value)
+{
+    zor_reg_bit_put(zor_reg_entry_set_bits(entry, rec_info), id, value);
+    if (!entry->ds_rec->ds->snapshot_active)
+        zor_reg_bit_put(zor_reg_entry_snapshot_bits(entry, rec_info), id, value);
+}
+
+/* The hot path: everything it calls in this file is inlined into it. */
+__attribute__((flatten)) void zor_reg_field_set(void *rec, zor_reg_field_info *field,
+                                                const void *value)
+{
+    zor_reg_rec_info *rec_info = field->rec_info;
+    zor_reg_entry *entry = zor_reg_rec_entry(rec, rec_info);
+    uint32_t id = field->id;
+    int was_set = zor_reg_bit_get(zor_reg_entry_set_bits(entry, rec_info), id);
+    int is_set = value != nullptr;
+    if (was_set && is_set) {
+        const zor_datatype_info *type = field->type;
+        if (type->cmp_eq == nullptr ||
+            type->cmp_eq(static_cast<char *>(rec) + field->offset, value, type) == 0)
+            return;
+    } else if (was_set == is_set) {
+        return;
+    }
+
+    zor_reg_field_notifiers_call(&entry->ds_rec->fields[id], rec, field, is_set, value);
+    zor_reg_snapshot_mark(entry->ds_rec->ds, entry);
+    zor_reg_field_value_update(entry, field, value, is_set);
+    zor_reg_entry_changed(field, entry);
+    if (was_set != is_set)
+        zor_reg_set_bit_put(entry, rec_info, id, is_set);
+}
+
+void zor_reg_flag_set(void *rec, zor_reg_field_info *field, int value)
+{
+    ZOR_ASSERT(field->type->size == 0);
+    zor_reg_rec_info *rec_info = field->rec_info;
+    zor_reg_entry *entry = zor_reg_rec_entry(rec, rec_info);
+    uint32_t id = field->id;
+    value = value != 0;
+    if (zor_reg_bit_get(zor_reg_entry_set_bits(entry, rec_info), id) == value)
+        return;
+
+    char *place = static_cast<char *>(rec) + field->offset;
+    zor_reg_field_notifiers_call(&entry->ds_rec->fields[id], rec, field, value,
+                                 value ? place : nullptr);
+    zor_reg_snapshot_mark(entry->ds_rec->ds, entry);
+    const zor_datatype_info *type = field->type;
+    if (type->write != nullptr && (type->properties & ZOR_DATATYPE_PROP_RESET_ON_UNSET))
+        type->write(place, nullptr, type);
+    zor_reg_entry_changed(field, entry);
+    zor_reg_set_bit_put(entry, rec_info, id, value);
+}
+
+void zor_reg_flag_trigger(void *rec, zor_reg_field_info *flag)
+{
+    zor_reg_entry_changed(flag, zor_reg_rec_entry(rec, flag->rec_info));
+}
+
+/* The default of an unset field, given the record's set bits, or NULL. */
+static inline const void *zor_reg_field_default(const zor_reg_field_info *field,
+                                                const uint8_t *set_bits)
+{
+    if (field->default_value == nullptr)
+        return nullptr;
+    if (field->ctrl_flag != nullptr && !zor_reg_bit_get(set_bits, field->ctrl_flag->id))
+        return nullptr;
+    return field->default_value;
+}
+
+const void *zor_reg_field_get(const void *rec, zor_reg_field_info *field)
+{
+    zor_reg_entry *entry = zor_reg_rec_entry(rec, field->rec_info);
+    if (entry->snapshot_deleted)
+        return nullptr;
+    const uint8_t *set_bits = zor_reg_entry_set_bits(entry, field->rec_info);
+    if (zor_reg_bit_get(set_bits, field->id))
+        return static_cast<const char *>(rec) + field->offset;
+    return zor_reg_field_default(field, set_bits);
+}
+
+const void *zor_reg_field_get_explicit(const void *rec, zor_reg_field_info *field)
+{
+    zor_reg_entry *entry = zor_reg_rec_entry(rec, field->rec_info);
+    if (entry->snapshot_deleted)
+        return nullptr;
+    if (zor_reg_bit_get(zor_reg_entry_set_bits(entry, field->rec_info), field->id))
+        return static_cast<const char *>(rec) + field->offset;
+    return nullptr;
+}
+
+int zor_reg_flag_get(const void *rec, zor_reg_field_info *flag)
+{
+    zor_reg_entry *entry = zor_reg_rec_entry(rec, flag->rec_info);
+    if (entry->snapshot_deleted)
+        return 0;
+    const uint8_t *set_bits = zor_reg_entry_set_bits(entry, flag->rec_info);
+    if (zor_reg_bit_get(set_bits, flag->id))
+        return 1;
+    return zor_reg_field_default(flag, set_bits) != nullptr;
+}
+
+int zor_reg_flag_get_explicit(const void *rec, zor_reg_field_info *flag)
+{
+    zor_reg_entry *entry = zor_reg_rec_entry(rec, flag->rec_info);
+    if (entry->snapshot_deleted)
+        return 0;
+    return zor_reg_bit_get(zor_reg_entry_set_bits(entry, flag->rec_info), flag->id);
+}
+
+void zor_reg_rec_delete_pending(void *rec, const zor_reg_field_info *field, int flag, const void *,
+                                void *)
+{
+    ZOR_ASSERT(flag);
+    zor_reg_entry *entry = zor_reg_rec_entry(rec, field->rec_info);
+    ZOR_ASSERT(!zor_reg_entry_delete_pending(entry));
+    zor_partition_bucket *next;
+    for (zor_partition_bucket *b = entry->ds_rec->field_partition.buckets; b != nullptr; b = next) {
+        next = b->next;
+        zor_reg_field_info *watched = static_cast<struct zor_reg_ds_field *>(b->data)->field_info;
+        if (zor_reg_flag_get(rec, watched))
+            zor_reg_entry_changed(watched, entry);
+    }
+}
+
+/* ---- callback information ------------------------------------------------ */
+
+uint32_t zor_reg_info_is_resync(const zor_reg_cb_info *info)
+{
+    return info->resync;
+}
+
+uint32_t zor_reg_info_count(const zor_reg_cb_info *info)
+{
+    return info->count;
+}
+
+void *zor_reg_info_ds_ctx(const zor_reg_cb_info *info)
+{
+    return info->ds->ctx;
+}
+
+int zor_reg_info_is_deleting(const zor_reg_cb_info *info, const zor_reg_entry *entry)
+{
+    if (zor_reg_entry_delete_pending(entry))
+        return 1;
+    const zor_reg_rec_update *reg = info->reg;
+    if (reg->last_byte < reg->first_byte)
+        return 1;
+    return !zor_reg_entry_matches(entry, reg);
+}
+
+int zor_reg_info_is_record_deleting(const zor_reg_entry *entry)
+{
+    return zor_reg_entry_delete_pending(entry);
+}
+
+void zor_reg_info_iter(zor_reg_cb_info *info, zor_iter **set_iter, zor_iter **del_iter,
+                       uint32_t *set_count, uint32_t *del_count)
+{
+    ZOR_ASSERT(!info->is_partitioned);
+    info->is_partitioned = 1;
+    zor_partition_create(&info->partition, info->count);
+    zor_partition_bucket_add(&info->partition, &info->set_bucket, nullptr);
+    zor_partition_bucket_add(&info->partition, &info->del_bucket, nullptr);
+
+    zor_reg_entry *entry;
+    ZOR_ITER_FOREACH (info->iter, entry) {
+        if (zor_reg_info_is_deleting(info, entry))
+            zor_partition_entry_add(&info->del_bucket, entry);
+        else
+            zor_partition_entry_add(&info->set_bucket, entry);
+    }
+    info->set_count = info->set_bucket.count;
+    info->del_count = info->del_bucket.count;
+    ZOR_ASSERT(!info->resync || info->del_count == 0);
+
+    zor_iter_create(&info->set_iter, zor_partition_bucket_entries_iterator(
+                                         &info->set_iter, &info->set_state, &info->set_bucket));
+    zor_iter_create(&info->del_iter, zor_partition_bucket_entries_iterator(
+                                         &info->del_iter, &info->del_state, &info->del_bucket));
+    if (set_iter != nullptr)
+        *set_iter = &info->set_iter;
+    if (del_iter != nullptr)
+        *del_iter = &info->del_iter;
+    if (set_count != nullptr)
+        *set_count = info->set_count;
+    if (del_count != nullptr)
+        *del_count = info->del_count;
+}
