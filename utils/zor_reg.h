@@ -459,6 +459,72 @@ int zor_reg_info_is_record_deleting(const zor_reg_entry *entry);
 void zor_reg_info_iter(zor_reg_cb_info *info, zor_iter **set_iter, zor_iter **del_iter,
                        uint32_t *set_count, uint32_t *del_count);
 
+/* ---- removal and tracking ------------------------------------------------ */
+
+/*
+ * The update callback of the level-2 removal registration that every data
+ * store installs for a kind with a delete-pending flag. Each record it
+ * receives (all are delete-pending) is marked changes_prohibited and
+ * reported deleted (delete notifiers run, it leaves the kind's entries);
+ * then it is unlinked and freed (the kind's unlink_cb and free_cb), or,
+ * during a snapshot or its restore, kept and marked snapshot_deleted for
+ * the snapshot to finish or undo. Returns 1.
+ */
+int zor_reg_db_rec_rmv_cb(zor_reg_cb_info *cb_info, zor_iter *entries, void *ctx);
+
+/*
+ * A ready-made update registration that keeps `flag` (a flag of the kind)
+ * equal, on every record it receives, to whether the record is deleting for
+ * it (being deleted, or none of its watched fields set); with `invert`
+ * non-zero, to the opposite: whether the record is present. `flags` are
+ * those of zor_register_rec_update. Like any registration it watches no
+ * field yet: add fields with zor_reg_rec_update_field_add, then enable it.
+ */
+zor_reg_rec_update *zor_reg_track(zor_reg_ds *ds, zor_reg_rec_info *rec_info, uint32_t flags,
+                                  zor_reg_field_info *flag, int invert);
+
+/* The two callbacks behind zor_reg_track; ctx is the flag. Both return 1. */
+int zor_reg_track_deleting_cb(zor_reg_cb_info *info, zor_iter *entries, void *ctx);
+int zor_reg_track_present_cb(zor_reg_cb_info *info, zor_iter *entries, void *ctx);
+
+/* ---- snapshots ----------------------------------------------------------- */
+
+/*
+ * Snapshots let a caller try changes and then keep or undo them. Calling
+ * order: take, any changes and processing, then exactly one of discard or
+ * restore; one snapshot per data store at a time. Each of the three runs
+ * zor_reg_process first, so none may be called from inside a callback.
+ *
+ * Taking copies nothing: the records' snapshot bits stop following their
+ * set bits, and a field's old value is backed up the first time it is
+ * overwritten. Discard and restore visit only the records touched since.
+ * Restore needs every kind whose records were changed, deleted or created
+ * during the snapshot to have a delete-pending flag: it puts values and set
+ * states back through the setters (notifiers run, registrations hear of the
+ * changes), reports records deleted since the take created again, and
+ * removes records created since through their delete-pending flag. Fields
+ * of ZOR_DATATYPE_PROP_NO_RESTORE types keep their current state; those of
+ * ZOR_DATATYPE_PROP_RESET_ON_UNSET types are never backed up.
+ */
+void zor_reg_take_snapshot(zor_reg_ds *ds);
+/* Keeps every change: frees backups, finishes deletions, ends the snapshot. */
+void zor_reg_discard_snapshot(zor_reg_ds *ds);
+/* Undoes every change since the take and ends the snapshot. */
+void zor_reg_restore_snapshot(zor_reg_ds *ds);
+
+/*
+ * Reads as of the take: the value the field had then (from the backup when
+ * it has been overwritten since), the default by the set state of then, or
+ * NULL. With no snapshot active they read as the plain getters.
+ */
+const void *zor_reg_snapshot_field_get(const void *rec, zor_reg_field_info *field);
+/* As zor_reg_snapshot_field_get, without the default. */
+const void *zor_reg_snapshot_field_get_explicit(const void *rec, zor_reg_field_info *field);
+/* 1 when the flag was set at the take, or its default applied then. */
+int zor_reg_snapshot_flag_get(const void *rec, zor_reg_field_info *flag);
+/* 1 when the flag was set at the take. */
+int zor_reg_snapshot_flag_get_explicit(const void *rec, zor_reg_field_info *flag);
+
 #ifdef __cplusplus
 }
 #endif

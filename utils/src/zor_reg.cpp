@@ -500,3 +500,212 @@ void zor_reg_info_iter(zor_reg_cb_info *info, zor_iter **set_iter, zor_iter **de
     if (del_count != nullptr)
         *del_count = info->del_count;
 }
+
+/* ---- snapshots ----------------------------------------------------------- */
+
+/*
+ * While a snapshot is active the data store's snapshot partition holds two
+ * buckets: records created since the take, and records that existed then
+ * and have changed since (an entry is in at most one). Each record's
+ * snapshot bits keep the set state of the take, and its backup block, made
+ * at the first overwrite, keeps the overwritten values of the take.
+ */
+
+void zor_reg_take_snapshot(zor_reg_ds *ds)
+{
+    ZOR_ASSERT(!ds->snapshot_active);
+    zor_reg_process(ds);
+    ds->snapshot_active = 1;
+    zor_partition_create(&ds->snapshot_partition, 128);
+    zor_partition_bucket_add(&ds->snapshot_partition, &ds->snapshot_created_bucket, nullptr);
+    zor_partition_bucket_add(&ds->snapshot_partition, &ds->snapshot_updated_bucket, nullptr);
+}
+
+/* Releases what the backup's values hold, then the block. */
+static void zor_reg_backup_release(zor_reg_entry *entry)
+{
+    zor_reg_rec_info *rec_info = entry->ds_rec->rec_info;
+    char *backup = static_cast<char *>(entry->backup);
+    for (uint32_t i = 0; i < rec_info->clear_on_destroy_count; i++) {
+        zor_reg_field_info *field = rec_info->clear_on_destroy[i];
+        field->type->free(backup + field->offset, field->type, field);
+    }
+    free(backup);
+    entry->backup = nullptr;
+}
+
+void zor_reg_discard_snapshot(zor_reg_ds *ds)
+{
+    ZOR_ASSERT(ds->snapshot_active);
+    zor_reg_process(ds);
+
+    /* Buckets newest first: updated, then created. Every deleted record is
+     * unlinked before any is freed. */
+    for (zor_partition_bucket *b = ds->snapshot_partition.buckets; b != nullptr; b = b->next)
+        for (zor_partition_elem *slot = b->first; slot != nullptr; slot = slot->next) {
+            zor_reg_entry *entry = static_cast<zor_reg_entry *>(slot->entry);
+            if (entry->snapshot_deleted)
+                zor_reg_rec_unlink(entry);
+        }
+    for (zor_partition_bucket *b = ds->snapshot_partition.buckets; b != nullptr; b = b->next)
+        for (zor_partition_elem *slot = b->first; slot != nullptr; slot = slot->next) {
+            zor_reg_entry *entry = static_cast<zor_reg_entry *>(slot->entry);
+            if (entry->backup != nullptr)
+                zor_reg_backup_release(entry);
+            if (entry->snapshot_deleted) {
+                zor_reg_rec_free(entry);
+                continue;
+            }
+            ZOR_ASSERT(!entry->changes_prohibited);
+            entry->snapshot_updated = 0;
+            entry->snapshot_created = 0;
+            zor_reg_rec_info *rec_info = entry->ds_rec->rec_info;
+            memcpy(zor_reg_entry_snapshot_bits(entry, rec_info),
+                   zor_reg_entry_set_bits(entry, rec_info),
+                   zor_reg_bit_bytes(entry->ds_rec->field_count));
+        }
+    zor_partition_destroy(&ds->snapshot_partition);
+    ds->snapshot_active = 0;
+}
+
+/*
+ * Puts a record that existed at the take back as it was then: backed-up
+ * values through the setter, then every set state that differs, as a flag
+ * set would (notifiers, queueing). Its delete-pending bit is cleared
+ * directly. The snapshot is no longer active, so nothing is backed up or
+ * marked here.
+ */
+static inline void zor_reg_snapshot_record_restore(zor_reg_entry *entry)
+{
+    struct zor_reg_ds_rec *ds_rec = entry->ds_rec;
+    zor_reg_rec_info *rec_info = ds_rec->rec_info;
+    int32_t delete_flag_idx = rec_info->delete_pending;
+    ZOR_ASSERT(delete_flag_idx != -1);
+    uint8_t *set_bits = zor_reg_entry_set_bits(entry, rec_info);
+    zor_reg_bit_clear(set_bits, static_cast<uint32_t>(delete_flag_idx));
+    char *rec = zor_reg_entry_rec(entry, rec_info);
+
+    if (entry->backup != nullptr) {
+        char *backup = static_cast<char *>(entry->backup);
+        const uint8_t *backup_bits =
+            reinterpret_cast<uint8_t *>(backup) + rec_info->backup_bitfield_offset;
+        for (uint32_t i = 0; i < ds_rec->field_count; i++) {
+            zor_reg_field_info *field = ds_rec->fields[i].field_info;
+            if (zor_reg_bit_get(backup_bits, i) &&
+                !(field->type->properties & ZOR_DATATYPE_PROP_NO_RESTORE))
+                zor_reg_field_set(rec, field, backup + field->offset);
+        }
+        zor_reg_backup_release(entry);
+    }
+
+    const uint8_t *snap_bits = zor_reg_entry_snapshot_bits(entry, rec_info);
+    for (uint32_t i = 0; i < ds_rec->field_count; i++) {
+        zor_reg_field_info *field = ds_rec->fields[i].field_info;
+        int snap = zor_reg_bit_get(snap_bits, i);
+        const zor_datatype_info *type = field->type;
+        if (snap == zor_reg_bit_get(set_bits, i) ||
+            (type->properties & ZOR_DATATYPE_PROP_NO_RESTORE))
+            continue;
+        char *place = rec + field->offset;
+        zor_reg_field_notifiers_call(&ds_rec->fields[i], rec, field, snap, snap ? place : nullptr);
+        if (type->write != nullptr && (type->properties & ZOR_DATATYPE_PROP_RESET_ON_UNSET))
+            type->write(place, nullptr, type);
+        zor_reg_entry_changed(field, entry);
+        zor_reg_set_bit_put(entry, rec_info, i, snap);
+    }
+}
+
+void zor_reg_restore_snapshot(zor_reg_ds *ds)
+{
+    ZOR_ASSERT(ds->snapshot_active);
+    zor_reg_process(ds);
+    ds->snapshot_active = 0;
+
+    zor_partition_bucket *updated = &ds->snapshot_updated_bucket;
+    for (zor_partition_elem *slot = updated->first; slot != nullptr; slot = slot->next)
+        static_cast<zor_reg_entry *>(slot->entry)->changes_prohibited = 0;
+    for (zor_partition_elem *slot = updated->first; slot != nullptr; slot = slot->next) {
+        zor_reg_entry *entry = static_cast<zor_reg_entry *>(slot->entry);
+        ZOR_ASSERT(entry->snapshot_updated);
+        ZOR_ASSERT(!entry->snapshot_created);
+        entry->snapshot_updated = 0;
+        if (entry->snapshot_deleted) {
+            zor_reg_rec_created(ds, entry->ds_rec->rec_info, entry);
+            entry->snapshot_deleted = 0;
+        }
+        zor_reg_snapshot_record_restore(entry);
+    }
+
+    /* Records created since the take leave through their delete-pending flag. */
+    zor_partition_bucket *created = &ds->snapshot_created_bucket;
+    for (zor_partition_elem *slot = created->first; slot != nullptr; slot = slot->next) {
+        zor_reg_entry *entry = static_cast<zor_reg_entry *>(slot->entry);
+        ZOR_ASSERT(entry->backup == ZOR_NULL);
+        ZOR_ASSERT(!entry->snapshot_updated);
+        ZOR_ASSERT(entry->snapshot_created);
+        entry->snapshot_created_restore = 1;
+        if (!entry->snapshot_deleted) {
+            ZOR_ASSERT(!entry->changes_prohibited);
+            zor_reg_rec_info *rec_info = entry->ds_rec->rec_info;
+            int32_t delete_flag_idx = rec_info->delete_pending;
+            ZOR_ASSERT(delete_flag_idx != -1);
+            zor_reg_flag_set(zor_reg_entry_rec(entry, rec_info),
+                             entry->ds_rec->fields[delete_flag_idx].field_info, 1);
+        }
+    }
+    zor_reg_process(ds);
+    for (zor_partition_elem *slot = created->first; slot != nullptr; slot = slot->next) {
+        zor_reg_entry *entry = static_cast<zor_reg_entry *>(slot->entry);
+        ZOR_ASSERT(entry->snapshot_created_restore);
+        ZOR_ASSERT(entry->snapshot_deleted);
+        zor_reg_rec_unlink(entry);
+        zor_reg_rec_free(entry);
+    }
+    zor_partition_destroy(&ds->snapshot_partition);
+}
+
+/* The value of a field at the take, or NULL when it was not set then. */
+static inline const void *zor_reg_snapshot_value(const zor_reg_entry *hdr, const void *rec,
+                                                 const zor_reg_field_info *field)
+{
+    zor_reg_rec_info *rec_info = field->rec_info;
+    if (!zor_reg_bit_get(zor_reg_entry_snapshot_bits(hdr, rec_info), field->id))
+        return nullptr;
+    if (hdr->backup != nullptr) {
+        const char *backup = static_cast<const char *>(hdr->backup);
+        if (zor_reg_bit_get(reinterpret_cast<const uint8_t *>(backup) +
+                                rec_info->backup_bitfield_offset,
+                            field->id))
+            return backup + field->offset;
+    }
+    return static_cast<const char *>(rec) + field->offset;
+}
+
+const void *zor_reg_snapshot_field_get(const void *rec, zor_reg_field_info *field)
+{
+    zor_reg_entry *hdr = zor_reg_rec_entry(rec, field->rec_info);
+    const void *value = zor_reg_snapshot_value(hdr, rec, field);
+    if (value != nullptr)
+        return value;
+    return zor_reg_field_default(field, zor_reg_entry_snapshot_bits(hdr, field->rec_info));
+}
+
+const void *zor_reg_snapshot_field_get_explicit(const void *rec, zor_reg_field_info *field)
+{
+    return zor_reg_snapshot_value(zor_reg_rec_entry(rec, field->rec_info), rec, field);
+}
+
+int zor_reg_snapshot_flag_get(const void *rec, zor_reg_field_info *flag)
+{
+    zor_reg_entry *hdr = zor_reg_rec_entry(rec, flag->rec_info);
+    const uint8_t *snap_bits = zor_reg_entry_snapshot_bits(hdr, flag->rec_info);
+    if (zor_reg_bit_get(snap_bits, flag->id))
+        return 1;
+    return zor_reg_field_default(flag, snap_bits) != nullptr;
+}
+
+int zor_reg_snapshot_flag_get_explicit(const void *rec, zor_reg_field_info *flag)
+{
+    zor_reg_entry *hdr = zor_reg_rec_entry(rec, flag->rec_info);
+    return zor_reg_bit_get(zor_reg_entry_snapshot_bits(hdr, flag->rec_info), flag->id);
+}

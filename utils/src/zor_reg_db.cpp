@@ -239,6 +239,24 @@ static void zor_reg_db_rec_populate_clear_on_destroy(zor_reg_rec_info *rec)
     ZOR_ASSERT(field_idx == rec->clear_on_destroy_count);
 }
 
+/*
+ * A kind with a delete-pending flag F gets two registrations in every data
+ * store: a level-2 update registration watching only F, whose callback
+ * removes the records (so every level-0 and level-1 registration has seen
+ * them as deleting first), enabled at once; and a notifier on F that
+ * queues the record once more for every registration watching a field it
+ * has a value for, before F's bit is set.
+ */
+static void zor_reg_db_rec_install_removal(zor_reg_ds *ds, struct zor_reg_ds_rec *ds_rec)
+{
+    zor_reg_rec_info *rec = ds_rec->rec_info;
+    zor_reg_field_info *flag = ds_rec->fields[rec->delete_pending].field_info;
+    ds_rec->rmv_reg = zor_register_rec_update_v(ds, rec, ZOR_REG_LEVEL_2, zor_reg_db_rec_rmv_cb,
+                                                nullptr, 1, flag);
+    zor_reg_enable(ds_rec->rmv_reg, 0);
+    zor_register_field_update(ds, flag, zor_reg_rec_delete_pending, nullptr);
+}
+
 zor_reg_ds *zor_reg_ds_init(zor_reg_db *db, void *ctx)
 {
     zor_reg_ds *ds = static_cast<zor_reg_ds *>(util_calloc(sizeof(zor_reg_ds)));
@@ -284,12 +302,8 @@ zor_reg_ds *zor_reg_ds_init(zor_reg_db *db, void *ctx)
             field_idx++;
         }
         ZOR_ASSERT(field_idx == ds_rec->field_count);
-        /*
-         * The removal registration and delete-pending notifier of a kind
-         * with deletion information belong here, after the kind's state is
-         * complete; until they exist rmv_reg is null and such a kind is
-         * handled like any other.
-         */
+        if (rec->delete_pending != -1)
+            zor_reg_db_rec_install_removal(ds, ds_rec);
     }
     ZOR_ASSERT(rec_idx == ds->rec_count);
     return ds;
@@ -574,4 +588,58 @@ void zor_reg_process(zor_reg_ds *ds)
         ZOR_ASSERT(iterations < 100);
     }
     zor_reg_in_cb_processing = 0;
+}
+
+/* ---- removal and tracking ------------------------------------------------ */
+
+int zor_reg_db_rec_rmv_cb(zor_reg_cb_info *cb_info, zor_iter *, void *)
+{
+    ZOR_ASSERT(!zor_reg_info_is_resync(cb_info));
+    zor_iter *del_iter;
+    uint32_t set_count;
+    zor_reg_info_iter(cb_info, nullptr, &del_iter, &set_count, nullptr);
+    ZOR_ASSERT(set_count == 0);
+    zor_reg_entry *entry;
+    ZOR_ITER_FOREACH (del_iter, entry) {
+        entry->changes_prohibited = 1;
+        zor_reg_rec_deleted(entry);
+        if (cb_info->ds->snapshot_active || entry->snapshot_created_restore) {
+            /* The snapshot finishes (discard) or undoes (restore) the deletion. */
+            ZOR_ASSERT(entry->snapshot_created || entry->snapshot_updated);
+            entry->snapshot_deleted = 1;
+        } else {
+            zor_reg_rec_unlink(entry);
+            zor_reg_rec_free(entry);
+        }
+    }
+    return 1;
+}
+
+/* Sets the tracked flag of every delivered record to its deleting test, or to its opposite. */
+static int zor_reg_track_apply(zor_reg_cb_info *info, zor_iter *entries, zor_reg_field_info *flag,
+                               int present)
+{
+    zor_reg_entry *entry;
+    ZOR_ITER_FOREACH (entries, entry) {
+        int deleting = zor_reg_info_is_deleting(info, entry);
+        zor_reg_flag_set(zor_reg_rec(entry), flag, present ? !deleting : deleting);
+    }
+    return 1;
+}
+
+int zor_reg_track_deleting_cb(zor_reg_cb_info *info, zor_iter *entries, void *ctx)
+{
+    return zor_reg_track_apply(info, entries, static_cast<zor_reg_field_info *>(ctx), 0);
+}
+
+int zor_reg_track_present_cb(zor_reg_cb_info *info, zor_iter *entries, void *ctx)
+{
+    return zor_reg_track_apply(info, entries, static_cast<zor_reg_field_info *>(ctx), 1);
+}
+
+zor_reg_rec_update *zor_reg_track(zor_reg_ds *ds, zor_reg_rec_info *rec_info, uint32_t flags,
+                                  zor_reg_field_info *flag, int invert)
+{
+    return zor_register_rec_update(
+        ds, rec_info, flags, invert ? zor_reg_track_present_cb : zor_reg_track_deleting_cb, flag);
 }
