@@ -2,7 +2,8 @@
 #include "zor_test.h"
 #include "zor_datatype.h"
 
-namespace {
+namespace
+{
 
 const char *show_int(const void *value, const zor_datatype_info *)
 {
