@@ -227,6 +227,37 @@ TEST_F(DatatypeDb, BrokenRegistrationsStop)
     ZOR_EXPECT_ASSERT(zor_datatype_info_id(&db, db.next_id), "zor_dict_id_get_rec",
                       "id < dict->next_id");
     ZOR_EXPECT_ASSERT(zor_datatype_db_init(nullptr, 4), "zor_dict_init", "dict != ((void *)0)");
+    /* A released name below next_id has no record: flatten stops on it. */
+    zor_dict_id_remove_ref(&db, zor_dict_ref_get(&db, zor_str_init("gone")));
+    ZOR_EXPECT_ASSERT(zor_datatype_flatten(&db), "zor_dict_id_get_rec", "record != ((void *)0)");
+}
+
+namespace
+{
+/* An init hook that registers a type of its own while the database flattens. */
+void registering_init(zor_dict *db, zor_datatype_info *)
+{
+    init_calls++;
+    zor_datatype_reg_info r = entry("made-by-init", "registrar");
+    zor_datatype_register(db, zor_str_init("hooks"), 1, &r, 0, nullptr);
+}
+} // namespace
+
+TEST_F(DatatypeDb, InitHookMayRegisterTypes)
+{
+    init_calls = 0;
+    zor_datatype_reg_info r = entry("registrar", "uint", 2);
+    r.info.init = registering_init;
+    zor_datatype_info *t;
+    register_one(&db, "hooks", r, &t);
+    EXPECT_EQ(init_calls, 1);
+    EXPECT_EQ(t->properties, ZOR_DATATYPE_PROP_FLATTENED | ZOR_DATATYPE_PROP_INITED);
+    zor_datatype_info *made = by_name(&db, "made-by-init");
+    ASSERT_NE(made, nullptr);
+    EXPECT_EQ(made->properties, ZOR_DATATYPE_PROP_FLATTENED);
+    EXPECT_EQ(made->size, 2u);
+    EXPECT_EQ(made->str, zor_datatype_str_uint);
+    EXPECT_EQ(made->init, nullptr); /* hooks are not inherited */
 }
 
 TEST(DatatypeBuf, RingOfSixteen)

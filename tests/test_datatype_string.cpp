@@ -126,3 +126,31 @@ TEST_F(DatatypeString, ReferenceCountsThroughParseWriteFree)
                       "id < dict->next_id");
     ZOR_EXPECT_ASSERT(zor_datatype_str(&bogus, str), "zor_dict_id_get_rec", "id < dict->next_id");
 }
+
+TEST_F(DatatypeString, OrderingAndReleasedIds)
+{
+    zor_string_id ab = parse("ab", str), abc = parse("abc", str), b = parse("b", str);
+    zor_string_id nul = parse(std::string("ab\0z", 4), str);
+    EXPECT_LT(str->cmp(&ab, &abc, str), 0); /* a prefix sorts first */
+    EXPECT_GT(str->cmp(&abc, &ab, str), 0);
+    EXPECT_EQ(str->cmp(&abc, &abc, str), 0);
+    EXPECT_LT(str->cmp(&abc, &b, str), 0); /* otherwise strncmp decides */
+    EXPECT_GT(str->cmp(&b, &ab, str), 0);
+    /* strncmp stops at the NUL: "ab\0z" and "abc" compare by their first 3 bytes. */
+    EXPECT_EQ(str->cmp(&nul, &abc, str), strncmp("ab", "abc", 3));
+    EXPECT_EQ(zor_datatype_cmp_eq(&ab, &abc, str), 0);
+
+    /* An id whose text is gone stops every operation that reads it. */
+    zor_string_id gone = b;
+    str->free(&b, str, nullptr);
+    ZOR_EXPECT_ASSERT(str->free(&gone, str, nullptr), "zor_dict_id_remove_ref",
+                      "record != ((void *)0)");
+    ZOR_EXPECT_ASSERT(zor_datatype_str(&gone, str), "zor_dict_id_get_rec", "record != ((void *)0)");
+    ZOR_EXPECT_ASSERT(str->cmp(&gone, &ab, str), "zor_dict_id_get_rec", "record != ((void *)0)");
+    ZOR_EXPECT_ASSERT(str->write(&ab, &gone, str), "zor_dict_id_add_ref", "record != ((void *)0)");
+    zor_string_id dst = gone;
+    ZOR_EXPECT_ASSERT(str->write(&dst, &abc, str), "zor_dict_id_remove_ref",
+                      "record != ((void *)0)");
+    for (zor_string_id *v : {&ab, &abc, &nul})
+        str->free(v, str, nullptr);
+}
