@@ -11,6 +11,9 @@
 #include "zor_iter.h"
 #include "zor_list.h"
 #include "zor_partition.h"
+#include "zor_xxhash.h"
+#include "zor_hash.h"
+#include "zor_dict.h"
 #include "zor_datatype.h"
 #include "zor_reg.h"
 

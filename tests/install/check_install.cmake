@@ -23,7 +23,11 @@ run(${work}/consumer)
 # pkg-config
 file(GLOB pcdir LIST_DIRECTORIES true ${prefix}/lib*/pkgconfig)
 set(ENV{PKG_CONFIG_PATH} ${pcdir})
-execute_process(COMMAND pkg-config --cflags --libs zor OUTPUT_VARIABLE flags RESULT_VARIABLE rc
+# A static libzor brings its private dependencies only with --static.
+if(STATIC)
+  set(pc_static --static)
+endif()
+execute_process(COMMAND pkg-config ${pc_static} --cflags --libs zor OUTPUT_VARIABLE flags RESULT_VARIABLE rc
                 OUTPUT_STRIP_TRAILING_WHITESPACE)
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "pkg-config does not find zor in ${pcdir}")

@@ -29,5 +29,18 @@ int main(void)
         fprintf(stderr, "consumer: expected 6, got %d\n", sum);
         return 1;
     }
+
+    /* The dictionary hashes through the library's xxHash. */
+    zor_dict dict;
+    zor_dict_init(&dict, 4, NULL);
+    uint32_t a = zor_dict_ref_get(&dict, zor_str_init("eth0"));
+    uint32_t b = zor_dict_ref_get(&dict, zor_str_init("eth0"));
+    int dict_ok = a == 0 && b == 0 && zor_dict_id_get_rec(&dict, a)->refcount == 2;
+    zor_dict_destroy(&dict);
+    if (!dict_ok || ZOR_XXH_versionNumber() != 603 ||
+        ZOR_XXH64("", 0, 0) != 0xEF46DB3751D8E999ULL) {
+        fprintf(stderr, "consumer: dictionary or hashing broken\n");
+        return 1;
+    }
     return 0;
 }

@@ -1,7 +1,13 @@
 /*
- * Datatypes: calling operations through a descriptor that may be missing.
+ * Datatypes: calling operations through a descriptor that may be missing,
+ * the datatype database (registration and resolution), the display ring,
+ * the core types' operations, and the strings dictionary behind "str".
  */
 #include "zor_datatype.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
 
 static_assert(offsetof(zor_datatype_info, local_id) == 0, "zor_datatype_info field order");
 static_assert(offsetof(zor_datatype_info, size) == 8, "zor_datatype_info field order");
@@ -18,6 +24,37 @@ static_assert(offsetof(zor_datatype_info, id) == 88, "zor_datatype_info field or
 static_assert(offsetof(zor_datatype_info, parent_id) == 92, "zor_datatype_info field order");
 static_assert(offsetof(zor_datatype_info, ns_id) == 96, "zor_datatype_info field order");
 static_assert(offsetof(zor_datatype_info, priv) == 104, "zor_datatype_info field order");
+static_assert(offsetof(zor_datatype_reg_info, name) == 0, "zor_datatype_reg_info field order");
+static_assert(offsetof(zor_datatype_reg_info, parent) == 8, "zor_datatype_reg_info field order");
+static_assert(offsetof(zor_datatype_reg_info, info) == 16, "zor_datatype_reg_info field order");
+static_assert(offsetof(zor_opaque, length) == 0, "zor_opaque field order");
+static_assert(offsetof(zor_opaque, bytes) == 8, "zor_opaque field order");
+static_assert(sizeof(zor_opaque) == 16, "an opaque value takes 16 bytes");
+static_assert(offsetof(zor_hash_table, size) == 0, "zor_hash_table field order");
+static_assert(offsetof(zor_hash_table, min_size) == 8, "zor_hash_table field order");
+static_assert(offsetof(zor_hash_table, count) == 16, "zor_hash_table field order");
+static_assert(offsetof(zor_hash_table, node_offset) == 24, "zor_hash_table field order");
+static_assert(offsetof(zor_hash_table, get_key) == 32, "zor_hash_table field order");
+static_assert(offsetof(zor_hash_table, hash) == 40, "zor_hash_table field order");
+static_assert(offsetof(zor_hash_table, table) == 48, "zor_hash_table field order");
+static_assert(offsetof(zor_hash_table, iter) == 56, "zor_hash_table field order");
+static_assert(offsetof(zor_hash_node, hash) == 0, "zor_hash_node field order");
+static_assert(offsetof(zor_hash_node, next) == 8, "zor_hash_node field order");
+static_assert(offsetof(zor_dict, size) == 0, "zor_dict field order");
+static_assert(offsetof(zor_dict, next_id) == 8, "zor_dict field order");
+static_assert(offsetof(zor_dict, free_id) == 12, "zor_dict field order");
+static_assert(offsetof(zor_dict, has_free_ids) == 16, "zor_dict field order");
+static_assert(offsetof(zor_dict, entries) == 24, "zor_dict field order");
+static_assert(offsetof(zor_dict, table) == 32, "zor_dict field order");
+static_assert(offsetof(zor_dict, free_data) == 40, "zor_dict field order");
+static_assert(offsetof(zor_dict_entry, record) == 0, "zor_dict_entry field order");
+static_assert(offsetof(zor_dict_entry, next_free) == 8, "zor_dict_entry field order");
+static_assert(offsetof(zor_dict_rec, node) == 0, "zor_dict_rec: node first (table offset 0)");
+static_assert(offsetof(zor_dict_rec, id) == 16, "zor_dict_rec field order");
+static_assert(offsetof(zor_dict_rec, refcount) == 20, "zor_dict_rec field order");
+static_assert(offsetof(zor_dict_rec, data) == 24, "zor_dict_rec field order");
+static_assert(offsetof(zor_dict_rec, len) == 32, "zor_dict_rec field order");
+static_assert(offsetof(zor_dict_rec, text) == 40, "zor_dict_rec field order");
 
 const char *zor_datatype_str(const void *value, const zor_datatype_info *info)
 {
@@ -31,4 +68,591 @@ int zor_datatype_cmp_eq(const void *a, const void *b, const zor_datatype_info *i
     if (info == nullptr || info->cmp_eq == nullptr)
         return 0;
     return info->cmp_eq(a, b, info) == 0 ? 1 : 0;
+}
+
+/* ---- display ring ------------------------------------------------------------ */
+
+static char zor_datatype_bufs[ZOR_DATATYPE_BUF_COUNT][ZOR_DATATYPE_BUF_SIZE];
+static uint32_t zor_datatype_buf_counter;
+
+char *zor_datatype_buf_get(void)
+{
+    char *buf = zor_datatype_bufs[zor_datatype_buf_counter % ZOR_DATATYPE_BUF_COUNT];
+    zor_datatype_buf_counter++;
+    buf[0] = '\0';
+    return buf;
+}
+
+const char *zor_datatype_hex_dump(const void *bytes, uint64_t count)
+{
+    static const char digits[] = "0123456789abcdef";
+    char *buf = zor_datatype_buf_get();
+    if (bytes == nullptr) {
+        memcpy(buf, "(null)", sizeof("(null)"));
+        return buf;
+    }
+    if (count == 0)
+        return buf;
+    /*
+     * Three characters per byte; stop once no more than 4 bytes of room are
+     * left (after 340 bytes), which is just enough for "..." and the NUL.
+     */
+    const unsigned char *in = static_cast<const unsigned char *>(bytes);
+    uint64_t room = ZOR_DATATYPE_BUF_SIZE;
+    uint64_t pos = 0;
+    for (uint64_t i = 0; i < count; i++) {
+        buf[pos] = digits[in[i] >> 4];
+        buf[pos + 1] = digits[in[i] & 0xf];
+        buf[pos + 2] = ' ';
+        pos += 3;
+        room -= 3;
+        if (room <= 4) {
+            if (i + 1 < count) {
+                memcpy(buf + pos, "...", 4);
+                return buf;
+            }
+            break;
+        }
+    }
+    buf[pos - 1] = '\0'; /* the trailing space */
+    return buf;
+}
+
+/* ---- the datatype database ----------------------------------------------------- */
+
+/* Longest parent chain that resolves, the type itself included. */
+#define ZOR_DATATYPE_CHAIN_MAX 127
+
+void zor_datatype_info_free(void *info)
+{
+    zor_datatype_info *descriptor = static_cast<zor_datatype_info *>(info);
+    free(descriptor->priv);
+    descriptor->priv = nullptr;
+    free(descriptor);
+}
+
+zor_datatype_info *zor_datatype_info_id(zor_dict *db, uint32_t id)
+{
+    return static_cast<zor_datatype_info *>(zor_dict_id_get_rec(db, id)->data);
+}
+
+/*
+ * Resolves one type from its chain of ancestors' descriptors, or marks it
+ * unresolved when the chain is broken or too long.
+ */
+static void zor_datatype_resolve(zor_dict *db, zor_datatype_info *info)
+{
+    zor_datatype_info *chain[ZOR_DATATYPE_CHAIN_MAX];
+    uint32_t n = 0;
+    chain[n++] = info;
+    for (zor_datatype_info *cur = info; cur->parent_id != 0xFFFFFFFF;) {
+        zor_datatype_info *parent =
+            n < ZOR_DATATYPE_CHAIN_MAX ? zor_datatype_info_id(db, cur->parent_id) : nullptr;
+        if (parent == nullptr) {
+            info->properties |= ZOR_DATATYPE_PROP_UNRESOLVED;
+            return;
+        }
+        chain[n++] = parent;
+        cur = parent;
+    }
+
+    uint32_t inherited = 0;
+    for (uint32_t i = 0; i < n; i++)
+        inherited |= chain[i]->properties;
+    info->properties = (info->properties & ~(uint32_t)ZOR_DATATYPE_PROP_INHERITED) |
+                       (inherited & ZOR_DATATYPE_PROP_INHERITED);
+    info->properties &= ~(uint32_t)ZOR_DATATYPE_PROP_UNRESOLVED;
+
+    /* Each the first non-empty one up the chain, the type's own first. */
+    for (uint32_t i = 1; i < n; i++) {
+        const zor_datatype_info *a = chain[i];
+        if (info->size == 0)
+            info->size = a->size;
+        if (info->str == nullptr)
+            info->str = a->str;
+        if (info->parse == nullptr)
+            info->parse = a->parse;
+        if (info->copy == nullptr)
+            info->copy = a->copy;
+        if (info->write == nullptr)
+            info->write = a->write;
+        if (info->cmp_eq == nullptr)
+            info->cmp_eq = a->cmp_eq;
+        if (info->cmp == nullptr)
+            info->cmp = a->cmp;
+        if (info->free == nullptr)
+            info->free = a->free;
+    }
+
+    /*
+     * The bit is set before the hook runs, so a hook that registers types
+     * (and so flattens again) does not run a second time.
+     */
+    if (info->init != nullptr && !(info->properties & ZOR_DATATYPE_PROP_INITED)) {
+        info->properties |= ZOR_DATATYPE_PROP_INITED;
+        info->init(db, info);
+    }
+    info->properties |= ZOR_DATATYPE_PROP_FLATTENED;
+}
+
+void zor_datatype_flatten(zor_dict *db)
+{
+    /* next_id is read again after each type: init hooks may add names. */
+    for (uint32_t id = 0; id < db->next_id; id++) {
+        zor_datatype_info *info = zor_datatype_info_id(db, id);
+        if (info != nullptr)
+            zor_datatype_resolve(db, info);
+    }
+}
+
+uint32_t zor_datatype_register(zor_dict *db, zor_str ns, uint64_t count,
+                               const zor_datatype_reg_info *reg_info, int local_id_is_index,
+                               zor_datatype_info **out)
+{
+    uint32_t ns_id = zor_dict_ref_get(db, ns);
+    for (uint64_t i = 0; i < count; i++) {
+        ZOR_ASSERT(!local_id_is_index || (reg_info[i].info.local_id == i));
+        uint32_t id = zor_dict_ref_get(db, zor_str_init(reg_info[i].name));
+        ZOR_ASSERT(zor_datatype_info_id(db, id) == ZOR_NULL);
+        zor_datatype_info *info =
+            static_cast<zor_datatype_info *>(util_calloc(sizeof(zor_datatype_info)));
+        *info = reg_info[i].info;
+        info->id = id;
+        info->ns_id = ns_id;
+        info->parent_id = reg_info[i].parent != nullptr
+                              ? zor_dict_ref_get(db, zor_str_init(reg_info[i].parent))
+                              : 0xFFFFFFFF;
+        zor_dict_id_get_rec(db, id)->data = info;
+        if (out != nullptr)
+            out[i] = info;
+    }
+    zor_datatype_flatten(db);
+    return ns_id;
+}
+
+/* The core types, registered under "core" in every database. */
+static zor_datatype_reg_info zor_datatype_core_type(const char *name, const char *parent,
+                                                    uint64_t size, uint32_t properties)
+{
+    zor_datatype_reg_info r;
+    memset(&r, 0, sizeof(r));
+    r.name = name;
+    r.parent = parent;
+    r.info.size = size;
+    r.info.properties = properties;
+    return r;
+}
+
+uint32_t zor_datatype_db_init(zor_dict *db, uint64_t size)
+{
+    zor_dict_init(db, size, zor_datatype_info_free);
+
+    zor_datatype_reg_info core[7];
+    zor_datatype_reg_info *t = core;
+
+    *t = zor_datatype_core_type("mem", nullptr, 0, 0);
+    t->info.str = zor_datatype_str_mem;
+    t->info.copy = zor_datatype_copy_mem;
+    t->info.write = zor_datatype_copy_mem;
+    t->info.cmp_eq = zor_datatype_cmp_mem;
+    t->info.cmp = zor_datatype_cmp_mem;
+    t++;
+
+    *t = zor_datatype_core_type("opaque", "mem", sizeof(zor_opaque), 0);
+    t->info.str = zor_datatype_str_opaque;
+    t->info.write = zor_datatype_write_opaque;
+    t->info.cmp_eq = zor_datatype_cmp_opaque;
+    t->info.cmp = zor_datatype_cmp_opaque;
+    t->info.free = zor_datatype_free_opaque;
+    t++;
+
+    *t = zor_datatype_core_type("flag", nullptr, 0, 0);
+    t->info.str = zor_datatype_str_flag;
+    t++;
+
+    *t = zor_datatype_core_type("str", "mem", sizeof(zor_string_id), 0x80);
+    t->info.str = zor_datatype_str_string;
+    t->info.parse = zor_datatype_parse_string;
+    t->info.write = zor_datatype_write_string;
+    t->info.cmp = zor_datatype_cmp_string;
+    t->info.free = zor_datatype_free_string;
+    t++;
+
+    *t = zor_datatype_core_type("int", "mem", 4, 0);
+    t->info.str = zor_datatype_str_int;
+    t->info.parse = zor_datatype_parse_int;
+    t++;
+
+    *t = zor_datatype_core_type("uint", "mem", 4, 0);
+    t->info.str = zor_datatype_str_uint;
+    t->info.parse = zor_datatype_parse_uint;
+    t++;
+
+    *t = zor_datatype_core_type("bool", "mem", sizeof(int), 0);
+    t->info.str = zor_datatype_str_bool;
+    t->info.parse = zor_datatype_parse_bool;
+    t++;
+
+    return zor_datatype_register(db, zor_str_init("core"), t - core, core, 0, nullptr);
+}
+
+/* ---- "mem" ------------------------------------------------------------------------ */
+
+const char *zor_datatype_str_mem(const void *value, const zor_datatype_info *info)
+{
+    return zor_datatype_hex_dump(value, info->size);
+}
+
+void zor_datatype_copy_mem(void *dst, const void *src, const zor_datatype_info *info)
+{
+    if (src != nullptr)
+        memcpy(dst, src, info->size);
+    else
+        memset(dst, 0, info->size);
+}
+
+int zor_datatype_cmp_mem(const void *a, const void *b, const zor_datatype_info *info)
+{
+    return info->size != 0 ? memcmp(a, b, info->size) : 0;
+}
+
+/* ---- "opaque" ---------------------------------------------------------------------- */
+
+const char *zor_datatype_str_opaque(const void *value, const zor_datatype_info *)
+{
+    const zor_opaque *o = static_cast<const zor_opaque *>(value);
+    return zor_datatype_hex_dump(o->bytes, o->length);
+}
+
+void zor_datatype_write_opaque(void *dst, const void *src, const zor_datatype_info *)
+{
+    zor_opaque *d = static_cast<zor_opaque *>(dst);
+    const zor_opaque *s = static_cast<const zor_opaque *>(src);
+    free(d->bytes);
+    d->bytes = nullptr;
+    d->length = 0;
+    if (s == nullptr || s->length == 0)
+        return;
+    d->length = s->length;
+    d->bytes = util_calloc(s->length);
+    memcpy(d->bytes, s->bytes, s->length);
+}
+
+int zor_datatype_cmp_opaque(const void *a, const void *b, const zor_datatype_info *)
+{
+    const zor_opaque *x = static_cast<const zor_opaque *>(a);
+    const zor_opaque *y = static_cast<const zor_opaque *>(b);
+    if (x->length != y->length)
+        return x->length > y->length ? 1 : -1;
+    return x->length != 0 ? memcmp(x->bytes, y->bytes, x->length) : 0;
+}
+
+void zor_datatype_free_opaque(void *value, const zor_datatype_info *,
+                              const struct zor_reg_field_info *)
+{
+    zor_opaque *o = static_cast<zor_opaque *>(value);
+    o->length = 0;
+    free(o->bytes);
+    o->bytes = nullptr;
+}
+
+/* ---- "flag" and "bool" -------------------------------------------------------------- */
+
+const char *zor_datatype_str_flag(const void *, const zor_datatype_info *)
+{
+    return "present";
+}
+
+const char *zor_datatype_str_bool(const void *value, const zor_datatype_info *)
+{
+    int v;
+    memcpy(&v, value, sizeof(v));
+    return v != 0 ? "true" : "false";
+}
+
+int zor_datatype_parse_bool(const char *text, size_t len, const zor_datatype_info *info, void *buff)
+{
+    ZOR_ASSERT(buff != ZOR_NULL);
+    ZOR_ASSERT(info->size == sizeof(int));
+    int v;
+    if (len == 4 && memcmp(text, "true", 4) == 0)
+        v = 1;
+    else if (len == 5 && memcmp(text, "false", 5) == 0)
+        v = 0;
+    else
+        return 0;
+    memcpy(buff, &v, sizeof(v));
+    return 1;
+}
+
+/* ---- "int" and "uint" ------------------------------------------------------------------ */
+
+const char *zor_datatype_str_int(const void *value, const zor_datatype_info *info)
+{
+    char *buf;
+    switch (info->size) {
+    case 1: {
+        int8_t v;
+        memcpy(&v, value, sizeof(v));
+        buf = zor_datatype_buf_get();
+        snprintf(buf, ZOR_DATATYPE_BUF_SIZE, "%d", v);
+        return buf;
+    }
+    case 2: {
+        int16_t v;
+        memcpy(&v, value, sizeof(v));
+        buf = zor_datatype_buf_get();
+        snprintf(buf, ZOR_DATATYPE_BUF_SIZE, "%d", v);
+        return buf;
+    }
+    case 4: {
+        int32_t v;
+        memcpy(&v, value, sizeof(v));
+        buf = zor_datatype_buf_get();
+        snprintf(buf, ZOR_DATATYPE_BUF_SIZE, "%d", v);
+        return buf;
+    }
+    case 8: {
+        int64_t v;
+        memcpy(&v, value, sizeof(v));
+        buf = zor_datatype_buf_get();
+        snprintf(buf, ZOR_DATATYPE_BUF_SIZE, "%ld", (long)v);
+        return buf;
+    }
+    default:
+        return zor_datatype_hex_dump(value, info->size);
+    }
+}
+
+const char *zor_datatype_str_uint(const void *value, const zor_datatype_info *info)
+{
+    char *buf;
+    switch (info->size) {
+    case 1: {
+        uint8_t v;
+        memcpy(&v, value, sizeof(v));
+        buf = zor_datatype_buf_get();
+        snprintf(buf, ZOR_DATATYPE_BUF_SIZE, "%u", v);
+        return buf;
+    }
+    case 2: {
+        uint16_t v;
+        memcpy(&v, value, sizeof(v));
+        buf = zor_datatype_buf_get();
+        snprintf(buf, ZOR_DATATYPE_BUF_SIZE, "%u", v);
+        return buf;
+    }
+    case 4: {
+        uint32_t v;
+        memcpy(&v, value, sizeof(v));
+        buf = zor_datatype_buf_get();
+        snprintf(buf, ZOR_DATATYPE_BUF_SIZE, "%u", v);
+        return buf;
+    }
+    case 8: {
+        uint64_t v;
+        memcpy(&v, value, sizeof(v));
+        buf = zor_datatype_buf_get();
+        snprintf(buf, ZOR_DATATYPE_BUF_SIZE, "%lu", (unsigned long)v);
+        return buf;
+    }
+    default:
+        return zor_datatype_hex_dump(value, info->size);
+    }
+}
+
+/*
+ * Reads `len` bytes of decimal digits into *value; 0 when a byte is not a
+ * digit or the number does not fit in 64 bits. Leading zeros are fine.
+ */
+static inline int zor_datatype_parse_digits(const char *text, size_t len, uint64_t *value)
+{
+    uint64_t v = 0;
+    for (size_t i = 0; i < len; i++) {
+        unsigned digit = (unsigned char)text[i] - (unsigned)'0';
+        if (digit > 9)
+            return 0;
+        if (__builtin_mul_overflow(v, 10, &v) || __builtin_add_overflow(v, digit, &v))
+            return 0;
+    }
+    *value = v;
+    return 1;
+}
+
+int zor_datatype_parse_int(const char *text, size_t len, const zor_datatype_info *info, void *buff)
+{
+    ZOR_ASSERT(buff != ZOR_NULL);
+    ZOR_ASSERT(info->size <= sizeof(int64_t));
+    if (len == 0)
+        return 0;
+    int negative = text[0] == '-';
+    if (negative && len == 1)
+        return 0;
+    uint64_t magnitude;
+    if (!zor_datatype_parse_digits(text + negative, len - negative, &magnitude))
+        return 0;
+    const uint64_t min_magnitude = (uint64_t)INT64_MAX + 1;
+    if (negative ? magnitude > min_magnitude : magnitude > (uint64_t)INT64_MAX)
+        return 0;
+    /* Two's complement: the negation is done in unsigned arithmetic. */
+    int64_t value = (int64_t)(negative ? 0 - magnitude : magnitude);
+    switch (info->size) {
+    case 1: {
+        if (value < INT8_MIN || value > INT8_MAX)
+            return 0;
+        int8_t v = (int8_t)value;
+        memcpy(buff, &v, sizeof(v));
+        return 1;
+    }
+    case 2: {
+        if (value < INT16_MIN || value > INT16_MAX)
+            return 0;
+        int16_t v = (int16_t)value;
+        memcpy(buff, &v, sizeof(v));
+        return 1;
+    }
+    case 4: {
+        if (value < INT32_MIN || value > INT32_MAX)
+            return 0;
+        int32_t v = (int32_t)value;
+        memcpy(buff, &v, sizeof(v));
+        return 1;
+    }
+    case 8:
+        memcpy(buff, &value, sizeof(value));
+        return 1;
+    default:
+        ZOR_ASSERT(0);
+        return 0;
+    }
+}
+
+int zor_datatype_parse_uint(const char *text, size_t len, const zor_datatype_info *info, void *buff)
+{
+    ZOR_ASSERT(buff != ZOR_NULL);
+    ZOR_ASSERT(info->size <= sizeof(uint64_t));
+    uint64_t value;
+    if (len == 0 || !zor_datatype_parse_digits(text, len, &value))
+        return 0;
+    switch (info->size) {
+    case 1: {
+        if (value > UINT8_MAX)
+            return 0;
+        uint8_t v = (uint8_t)value;
+        memcpy(buff, &v, sizeof(v));
+        return 1;
+    }
+    case 2: {
+        if (value > UINT16_MAX)
+            return 0;
+        uint16_t v = (uint16_t)value;
+        memcpy(buff, &v, sizeof(v));
+        return 1;
+    }
+    case 4: {
+        if (value > UINT32_MAX)
+            return 0;
+        uint32_t v = (uint32_t)value;
+        memcpy(buff, &v, sizeof(v));
+        return 1;
+    }
+    case 8:
+        memcpy(buff, &value, sizeof(value));
+        return 1;
+    default:
+        ZOR_ASSERT(0);
+        return 0;
+    }
+}
+
+/* ---- the strings dictionary and "str" ------------------------------------------------ */
+
+static zor_dict zor_datatype_strings;
+
+/* Interns "<unset>", which must become id 0. */
+static void zor_datatype_strings_init(void)
+{
+    uint32_t id = zor_dict_ref_get(&zor_datatype_strings, zor_str_init("<unset>"));
+    ZOR_ASSERT(id == 0);
+}
+
+void zor_datatype_init(void)
+{
+    memset(&zor_datatype_strings, 0, sizeof(zor_datatype_strings));
+    zor_dict_init(&zor_datatype_strings, 128, nullptr);
+    zor_datatype_strings_init();
+}
+
+void zor_datatype_cleanup(void)
+{
+    zor_dict_destroy(&zor_datatype_strings);
+}
+
+zor_dict *zor_datatype_strings_dict_get(void)
+{
+    return &zor_datatype_strings;
+}
+
+zor_string_id zor_datatype_string_ref_get(zor_str text)
+{
+    return zor_dict_ref_get(&zor_datatype_strings, text);
+}
+
+zor_str zor_datatype_string_from_id(zor_string_id id)
+{
+    const zor_dict_rec *rec = zor_dict_id_get_rec(&zor_datatype_strings, id);
+    return zor_str_init_len(rec->text, (int32_t)rec->len);
+}
+
+int zor_datatype_parse_string(const char *text, size_t len, const zor_datatype_info *, void *buff)
+{
+    ZOR_ASSERT(buff != ZOR_NULL);
+    zor_str s;
+    s.ptr = text;
+    s.len = len;
+    zor_string_id id = zor_dict_ref_get(&zor_datatype_strings, s);
+    memcpy(buff, &id, sizeof(id));
+    return 1;
+}
+
+const char *zor_datatype_str_string(const void *value, const zor_datatype_info *)
+{
+    zor_string_id id;
+    memcpy(&id, value, sizeof(id));
+    return zor_dict_id_get_rec(&zor_datatype_strings, id)->text;
+}
+
+void zor_datatype_write_string(void *dst, const void *src, const zor_datatype_info *)
+{
+    zor_string_id *d = static_cast<zor_string_id *>(dst);
+    if (*d != 0) {
+        zor_dict_id_remove_ref(&zor_datatype_strings, *d);
+        *d = 0;
+    }
+    if (src == nullptr)
+        return;
+    const zor_string_id *value = static_cast<const zor_string_id *>(src);
+    ZOR_ASSERT(*value != 0);
+    *d = *value;
+    zor_dict_id_add_ref(&zor_datatype_strings, *d);
+}
+
+void zor_datatype_free_string(void *value, const zor_datatype_info *,
+                              const struct zor_reg_field_info *)
+{
+    zor_string_id *v = static_cast<zor_string_id *>(value);
+    if (*v == 0)
+        return;
+    zor_dict_id_remove_ref(&zor_datatype_strings, *v);
+    *v = 0;
+}
+
+int zor_datatype_cmp_string(const void *a, const void *b, const zor_datatype_info *)
+{
+    zor_str x = zor_datatype_string_from_id(*static_cast<const zor_string_id *>(a));
+    zor_str y = zor_datatype_string_from_id(*static_cast<const zor_string_id *>(b));
+    int r = strncmp(x.ptr, y.ptr, x.len < y.len ? x.len : y.len);
+    if (r != 0)
+        return r;
+    return (int)((int64_t)x.len - (int64_t)y.len);
 }

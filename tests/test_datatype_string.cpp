@@ -1,0 +1,156 @@
+/* The "str" type: the strings dictionary and exact reference counts through parse, write, free. */
+#include "zor_test.h"
+#include "zor_datatype.h"
+
+#include <string>
+
+namespace
+{
+
+uint32_t refs(zor_string_id id)
+{
+    return zor_dict_id_get_rec(zor_datatype_strings_dict_get(), id)->refcount;
+}
+
+zor_string_id parse(const std::string &text, const zor_datatype_info *str)
+{
+    zor_string_id id = 0xDEAD;
+    EXPECT_EQ(str->parse(text.data(), text.size(), str, &id), 1);
+    return id;
+}
+
+class DatatypeString : public ::testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        zor_datatype_init();
+        zor_datatype_db_init(&db, 16);
+        str = zor_datatype_info_id(&db, ZOR_DATATYPE_ID_STR);
+    }
+    void TearDown() override
+    {
+        zor_dict_destroy(&db);
+        zor_datatype_cleanup();
+    }
+    zor_dict db;
+    const zor_datatype_info *str;
+};
+
+} // namespace
+
+TEST_F(DatatypeString, UnsetIsIdZero)
+{
+    zor_dict *d = zor_datatype_strings_dict_get();
+    EXPECT_EQ(d->size, 128u);
+    EXPECT_EQ(d->table->size, 256u);
+    EXPECT_EQ(d->table->min_size, 128u);
+    EXPECT_EQ(d->free_data, nullptr);
+    zor_str unset = zor_datatype_string_from_id(0);
+    EXPECT_EQ(std::string(unset.ptr, unset.len), "<unset>");
+    EXPECT_EQ(unset.len, 7u);
+    zor_string_id zero = 0;
+    EXPECT_STREQ(zor_datatype_str(&zero, str), "<unset>");
+    EXPECT_EQ(zor_datatype_string_ref_get(zor_str_init("<unset>")), 0u);
+
+    /* Parsed and explicit ids share one dictionary. */
+    zor_string_id id = zor_datatype_string_ref_get(zor_str_init("eth0"));
+    EXPECT_EQ(parse("eth0", str), id);
+    EXPECT_EQ(refs(id), 2u);
+
+    /* After cleanup and a new init, "<unset>" is 0 again and old ids are gone. */
+    zor_datatype_cleanup();
+    zor_datatype_init();
+    EXPECT_EQ(d->next_id, 1u);
+    ZOR_EXPECT_ASSERT(zor_datatype_string_from_id(id), "zor_dict_id_get_rec", "id < dict->next_id");
+    EXPECT_EQ(zor_datatype_string_ref_get(zor_str_init("x")), 1u);
+}
+
+TEST_F(DatatypeString, ReferenceCountsThroughParseWriteFree)
+{
+    zor_string_id a = parse("eth0", str), b = parse("eth0", str);
+    EXPECT_EQ(a, b);
+    EXPECT_NE(a, 0u);
+    EXPECT_EQ(refs(a), 2u);
+    EXPECT_STREQ(zor_datatype_str(&a, str), "eth0");
+    EXPECT_EQ(zor_datatype_cmp_eq(&a, &b, str), 1);
+
+    /* write: the destination takes its own reference; overwriting releases the old one. */
+    zor_string_id field = 0;
+    str->write(&field, &a, str);
+    EXPECT_EQ(field, a);
+    EXPECT_EQ(refs(a), 3u);
+    zor_string_id other = parse("eth1", str);
+    str->write(&field, &other, str);
+    EXPECT_EQ(field, other);
+    EXPECT_EQ(refs(a), 2u);
+    EXPECT_EQ(refs(other), 2u);
+    str->write(&field, nullptr, str);
+    EXPECT_EQ(field, 0u);
+    EXPECT_EQ(refs(other), 1u);
+    str->write(&field, nullptr, str); /* an unset destination stays unset */
+    EXPECT_EQ(field, 0u);
+
+    /* copy moves the id without a reference. */
+    zor_string_id copied = 0;
+    str->copy(&copied, &other, str);
+    EXPECT_EQ(copied, other);
+    EXPECT_EQ(refs(other), 1u);
+
+    /* free: the last reference removes the text; its id is the next new text's. */
+    str->free(&a, str, nullptr);
+    EXPECT_EQ(a, 0u);
+    EXPECT_STREQ(zor_datatype_str(&b, str), "eth0");
+    str->free(&b, str, nullptr);
+    EXPECT_EQ(b, 0u);
+    zor_str gone = zor_str_init("eth0");
+    EXPECT_EQ(zor_hash_table_find(zor_datatype_strings_dict_get()->table, &gone), nullptr);
+    str->free(&a, str, nullptr); /* freeing 0 does nothing */
+    EXPECT_EQ(refs(0), 1u);
+    str->free(&other, str, nullptr);
+    EXPECT_EQ(zor_dict_get_record(zor_datatype_strings_dict_get(), copied), nullptr);
+    EXPECT_EQ(parse("new", str), copied);
+    EXPECT_EQ(parse("eth0", str), 1u); /* "eth0" had id 1, released first, reused last */
+
+    /* The empty text is a valid, set string. */
+    zor_string_id empty = parse("", str);
+    EXPECT_NE(empty, 0u);
+    EXPECT_EQ(zor_datatype_string_from_id(empty).len, 0u);
+    EXPECT_STREQ(zor_datatype_str(&empty, str), "");
+
+    ZOR_EXPECT_ASSERT(str->write(&field, &field, str), "zor_datatype_write_string", "*value != 0");
+    ZOR_EXPECT_ASSERT(str->parse("x", 1, str, nullptr), "zor_datatype_parse_string",
+                      "buff != ((void *)0)");
+    zor_string_id bogus = 1000;
+    ZOR_EXPECT_ASSERT(str->free(&bogus, str, nullptr), "zor_dict_id_remove_ref",
+                      "id < dict->next_id");
+    ZOR_EXPECT_ASSERT(zor_datatype_str(&bogus, str), "zor_dict_id_get_rec", "id < dict->next_id");
+}
+
+TEST_F(DatatypeString, OrderingAndReleasedIds)
+{
+    zor_string_id ab = parse("ab", str), abc = parse("abc", str), b = parse("b", str);
+    zor_string_id nul = parse(std::string("ab\0z", 4), str);
+    EXPECT_LT(str->cmp(&ab, &abc, str), 0); /* a prefix sorts first */
+    EXPECT_GT(str->cmp(&abc, &ab, str), 0);
+    EXPECT_EQ(str->cmp(&abc, &abc, str), 0);
+    EXPECT_LT(str->cmp(&abc, &b, str), 0); /* otherwise strncmp decides */
+    EXPECT_GT(str->cmp(&b, &ab, str), 0);
+    /* strncmp stops at the NUL: "ab\0z" and "abc" compare by their first 3 bytes. */
+    EXPECT_EQ(str->cmp(&nul, &abc, str), strncmp("ab", "abc", 3));
+    EXPECT_EQ(zor_datatype_cmp_eq(&ab, &abc, str), 0);
+
+    /* An id whose text is gone stops every operation that reads it. */
+    zor_string_id gone = b;
+    str->free(&b, str, nullptr);
+    ZOR_EXPECT_ASSERT(str->free(&gone, str, nullptr), "zor_dict_id_remove_ref",
+                      "record != ((void *)0)");
+    ZOR_EXPECT_ASSERT(zor_datatype_str(&gone, str), "zor_dict_id_get_rec", "record != ((void *)0)");
+    ZOR_EXPECT_ASSERT(str->cmp(&gone, &ab, str), "zor_dict_id_get_rec", "record != ((void *)0)");
+    ZOR_EXPECT_ASSERT(str->write(&ab, &gone, str), "zor_dict_id_add_ref", "record != ((void *)0)");
+    zor_string_id dst = gone;
+    ZOR_EXPECT_ASSERT(str->write(&dst, &abc, str), "zor_dict_id_remove_ref",
+                      "record != ((void *)0)");
+    for (zor_string_id *v : {&ab, &abc, &nul})
+        str->free(v, str, nullptr);
+}
