@@ -12,5 +12,6 @@
 #include "zor_list.h"
 #include "zor_partition.h"
 #include "zor_datatype.h"
+#include "zor_buffer.h"
 
 #endif /* ZOR_H */
