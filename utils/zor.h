@@ -13,5 +13,6 @@
 #include "zor_partition.h"
 #include "zor_datatype.h"
 #include "zor_buffer.h"
+#include "jsmn/jsmn.h"
 
 #endif /* ZOR_H */
