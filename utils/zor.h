@@ -13,6 +13,7 @@
 #include "zor_partition.h"
 #include "zor_datatype.h"
 #include "zor_buffer.h"
+#include "zor_json.h"
 #include "jsmn/jsmn.h"
 
 #endif /* ZOR_H */
