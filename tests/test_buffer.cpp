@@ -178,6 +178,16 @@ TEST_F(Buffer, Flatten)
     EXPECT_EQ(all.ptr[all.len], 0);
     EXPECT_EQ(b.size, 9u); /* unchanged */
     free(const_cast<char *>(all.ptr));
+
+    /* iovs: fewer entries than blocks, and no entry for a count below 1. */
+    struct iovec v[2] = {};
+    EXPECT_EQ(zor_buffer_iovs(&b, v, 1), 1);
+    EXPECT_EQ(std::string(static_cast<char *>(v[0].iov_base), v[0].iov_len), "b");
+    EXPECT_EQ(v[1].iov_base, nullptr);
+    EXPECT_EQ(zor_buffer_iovs(&b, v, 0), 0);
+    EXPECT_EQ(zor_buffer_iovs(&b, v, -1), 0);
+    zor_buffer empty_buffer = {};
+    EXPECT_EQ(zor_buffer_iovs(&empty_buffer, v, 2), 0);
 }
 
 TEST_F(Buffer, OutputToPipe)
