@@ -68,6 +68,10 @@ TEST(Jsmn, TokenTables)
     EXPECT_EQ(tokenize("").result, 0);
     EXPECT_EQ(tokenize(std::string("\0[", 2)).result, 0);
     EXPECT_EQ(tokenize("\"\\u00e9\\n\"").tokens, strings({"S \\u00e9\\n 0 -1 1"}));
+    std::string word(17, 'w'), prim = word + "\x7e" + word;
+    EXPECT_EQ(tokenize("{" + prim + ":\"" + word + "\\/" + word + "\"}").tokens,
+              strings({"O {" + prim + ":\"" + word + "\\/" + word + "\"} 1 -1 3",
+                       "P " + prim + " 1 0 2", "S " + word + "\\/" + word + " 0 1 3"}));
 }
 
 TEST(Jsmn, StringStartAndPrimitiveAtEnd)
@@ -107,6 +111,12 @@ TEST(Jsmn, ErrorsAndPositions)
         {"tru\200e", JSMN_ERR_INVALID, 0},    /* byte above 126 */
         {"x\x7f", JSMN_ERR_INVALID, 0},
         {"{\"a\": [1, 2]", JSMN_ERR_PARTIAL, 12}, /* container left open */
+        /* The same past 16 bytes of ordinary text (scanned in groups). */
+        {"[\"" + std::string(20, 'a') + "\\q\"]", JSMN_ERR_INVALID, 1},
+        {"[" + std::string(20, 'b') + "\x01" + std::string(20, 'b') + "]", JSMN_ERR_INVALID, 1},
+        {"\"" + std::string(30, 'c') + std::string("\0\"", 2), JSMN_ERR_PARTIAL, 0},
+        {"\"" + std::string(40, 'd'), JSMN_ERR_PARTIAL, 0},
+        {"1, " + std::string(20, 'e') + "\x80", JSMN_ERR_INVALID, 3},
     };
     for (const auto &c : cases) {
         parsed p = tokenize(c.text);

@@ -13,6 +13,10 @@
 
 #include <string.h>
 
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
 static_assert(offsetof(jsmn_token, type) == 0, "jsmn_token field order");
 static_assert(offsetof(jsmn_token, str) == 8, "jsmn_token field order");
 static_assert(offsetof(jsmn_token, start) == 24, "jsmn_token field order");
@@ -102,24 +106,81 @@ inline void jsmn_token_fill(jsmn_token *tok, jsmn_tok_type type, const char *tex
 }
 
 /*
+ * Skipping runs of ordinary bytes 16 at a time. Each returns the offset of
+ * the first byte at or after `i` that a scanner must look at: for a string
+ * a quote, backslash or NUL; for a primitive any byte outside 33..126 or
+ * one of , ] } : (white space, NUL, bad bytes and separators). Only whole
+ * 16-byte groups inside the input are read; the scalar loops finish the
+ * rest.
+ */
+#ifdef __SSE2__
+inline uint64_t jsmn_skip_string_bytes(const char *text, uint64_t len, uint64_t i)
+{
+    const __m128i quote = _mm_set1_epi8('"'), escape = _mm_set1_epi8('\\');
+    const __m128i zero = _mm_setzero_si128();
+    for (; i + 16 <= len; i += 16) {
+        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(text + i));
+        __m128i hit =
+            _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, quote), _mm_cmpeq_epi8(v, escape)),
+                         _mm_cmpeq_epi8(v, zero));
+        unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(hit));
+        if (mask != 0)
+            return i + static_cast<unsigned>(__builtin_ctz(mask));
+    }
+    return i;
+}
+
+inline uint64_t jsmn_skip_primitive_bytes(const char *text, uint64_t len, uint64_t i)
+{
+    const __m128i space = _mm_set1_epi8(32), del = _mm_set1_epi8(127);
+    const __m128i comma = _mm_set1_epi8(','), colon = _mm_set1_epi8(':');
+    const __m128i bracket = _mm_set1_epi8(']'), brace = _mm_set1_epi8('}');
+    for (; i + 16 <= len; i += 16) {
+        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(text + i));
+        /* As signed bytes, 33..126 are above 32 except 127; 128..255 are
+         * negative. */
+        __m128i ordinary = _mm_andnot_si128(_mm_cmpeq_epi8(v, del), _mm_cmpgt_epi8(v, space));
+        __m128i sep =
+            _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, comma), _mm_cmpeq_epi8(v, colon)),
+                         _mm_or_si128(_mm_cmpeq_epi8(v, bracket), _mm_cmpeq_epi8(v, brace)));
+        unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(_mm_andnot_si128(sep, ordinary)));
+        if (mask != 0xFFFF)
+            return i + static_cast<unsigned>(__builtin_ctz(~mask));
+    }
+    return i;
+}
+#else
+inline uint64_t jsmn_skip_string_bytes(const char *, uint64_t, uint64_t i)
+{
+    return i;
+}
+inline uint64_t jsmn_skip_primitive_bytes(const char *, uint64_t, uint64_t i)
+{
+    return i;
+}
+#endif
+
+/*
  * Scans a string from *i (just after the opening quote) to its closing
  * quote, left in *i. Returns 0, or the error for an invalid escape or an
  * input that ends (or reaches a NUL) first.
  */
 inline int32_t jsmn_scan_string(const char *text, uint64_t len, uint64_t &i)
 {
-    for (;; i++) {
+    for (;;) {
+        i = jsmn_skip_string_bytes(text, len, i);
+        while (i < len && tables.str[static_cast<unsigned char>(text[i])] == STR_PART)
+            i++;
         if (i >= len)
             return JSMN_ERR_PARTIAL;
         uint8_t cls = tables.str[static_cast<unsigned char>(text[i])];
-        if (cls == STR_PART)
-            continue;
         if (cls == STR_QUOTE)
             return 0;
         if (cls == STR_NUL)
             return JSMN_ERR_PARTIAL;
+        /* A backslash. As the last byte it is part of a string that is cut. */
         if (i + 1 >= len)
-            continue; /* a lone backslash at the end: the string is cut */
+            return JSMN_ERR_PARTIAL;
         i++;
         switch (text[i]) {
         case '"':
@@ -130,14 +191,16 @@ inline int32_t jsmn_scan_string(const char *text, uint64_t len, uint64_t &i)
         case 'n':
         case 'r':
         case 't':
+            i++;
             break;
         case 'u':
+            /* Up to four hex digits; the end of the input or a NUL may cut
+             * them short, and the string then ends unterminated. */
             i++;
             for (int k = 0; k < 4 && i < len && text[i] != '\0'; k++, i++) {
                 if (!tables.hex[static_cast<unsigned char>(text[i])])
                     return JSMN_ERR_INVALID;
             }
-            i--; /* the loop steps past the last digit */
             break;
         default:
             return JSMN_ERR_INVALID;
@@ -262,7 +325,7 @@ int32_t jsmn_parse(jsmn_tokenizer *t, const char *text, uint64_t len)
             break;
         default: {
             const uint64_t s = pos;
-            uint64_t i = s;
+            uint64_t i = jsmn_skip_primitive_bytes(text, len, s);
             for (; i < len; i++) {
                 uint8_t cls = tables.prim[static_cast<unsigned char>(text[i])];
                 if (cls == PRIM_PART)
