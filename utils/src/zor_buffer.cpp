@@ -7,7 +7,9 @@
  * larger block.
  */
 #include "zor_buffer.h"
+#include "zor_buffer_internal.h"
 
+#include <limits.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
@@ -108,6 +110,30 @@ int zor_printf(zor_buffer *buffer, const char *format, ...)
     }
     va_end(args);
     return 1;
+}
+
+int zor_buffer_print_texts(zor_buffer *buffer, const zor_str *texts, int32_t count)
+{
+    uint64_t n = 0;
+    for (int32_t i = 0; i < count; i++)
+        n += texts[i].len;
+    if (n > INT_MAX)
+        return 0; /* the formatter would refuse a text this long */
+    uint64_t working = zor_buffer_default_size;
+    uint64_t need = 0;
+    for (;;) {
+        char *dst = zor_buffer_reserve(buffer, &working, &need);
+        if (n < need) {
+            /* Fits: copy it in. (A refused attempt's bytes would lie past
+             * the block's text and are never seen, so none are copied.) */
+            for (int32_t i = 0; i < count; i++) {
+                memcpy(dst, texts[i].ptr, texts[i].len);
+                dst += texts[i].len;
+            }
+        }
+        if (zor_buffer_update(buffer, static_cast<int32_t>(n)))
+            return 1;
+    }
 }
 
 int zor_putc(zor_buffer *buffer, int c)

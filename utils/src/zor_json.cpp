@@ -1,9 +1,12 @@
 /*
- * JSON writer. Every piece of text goes through zor_printf or zor_putc, so
- * the buffer's block layout is the one those writers give; indentation is
+ * JSON writer. Every piece of text is written as zor_printf would write it
+ * (through zor_buffer_print_texts, which gives the same blocks without
+ * running the formatter on texts that need none) or with zor_putc, so the
+ * buffer's block layout is the one those writers give; indentation is
  * written one space at a time.
  */
 #include "zor_json.h"
+#include "zor_buffer_internal.h"
 
 #include <stdarg.h>
 #include <stdio.h>
@@ -18,6 +21,24 @@ static_assert(offsetof(zor_json_ctx, array_types) == 20, "zor_json_ctx field ord
 /* Room for a formatted value: longer values are cut to 255 bytes. */
 enum { ZOR_JSON_VALUE_SIZE = 256 };
 
+/* A text as a "%s" argument shows it; a null one shows as glibc prints it. */
+static inline zor_str zor_json_text(const char *text)
+{
+    zor_str s;
+    s.ptr = text != nullptr ? text : "(null)";
+    s.len = strlen(s.ptr);
+    return s;
+}
+
+/* Writes the pieces as one zor_printf of "%s%s..." would. */
+static inline void zor_json_put(zor_json_ctx *ctx, const char *a, const char *b = "",
+                                const char *c = "", const char *d = "", const char *e = "")
+{
+    const zor_str texts[5] = {zor_json_text(a), zor_json_text(b), zor_json_text(c),
+                              zor_json_text(d), zor_json_text(e)};
+    zor_buffer_print_texts(ctx->buffer, texts, 5);
+}
+
 static void zor_json_indent(zor_json_ctx *ctx)
 {
     for (uint32_t i = 0; i < ctx->indent; i++)
@@ -27,7 +48,7 @@ static void zor_json_indent(zor_json_ctx *ctx)
 static void zor_json_separator(zor_json_ctx *ctx)
 {
     if (ctx->need_comma == 1)
-        zor_printf(ctx->buffer, ",\n");
+        zor_json_put(ctx, ",\n");
 }
 
 /* The innermost open array holds one value per line. */
@@ -55,7 +76,7 @@ void zor_json_start_obj(zor_json_ctx *ctx)
 {
     zor_json_separator(ctx);
     zor_json_indent(ctx);
-    zor_printf(ctx->buffer, "{\n");
+    zor_json_put(ctx, "{\n");
     ctx->indent = static_cast<uint8_t>(ctx->indent + ctx->indent_size);
     ctx->need_comma = 0;
 }
@@ -64,7 +85,7 @@ void zor_json_start_obj_pair(zor_json_ctx *ctx, const char *key)
 {
     zor_json_separator(ctx);
     zor_json_indent(ctx);
-    zor_printf(ctx->buffer, "\"%s\": {\n", key);
+    zor_json_put(ctx, "\"", key, "\": {\n");
     ctx->indent = static_cast<uint8_t>(ctx->indent + ctx->indent_size);
     ctx->need_comma = 0;
 }
@@ -72,9 +93,9 @@ void zor_json_start_obj_pair(zor_json_ctx *ctx, const char *key)
 void zor_json_end_obj(zor_json_ctx *ctx)
 {
     ctx->indent = static_cast<uint8_t>(ctx->indent - ctx->indent_size);
-    zor_printf(ctx->buffer, "\n");
+    zor_json_put(ctx, "\n");
     zor_json_indent(ctx);
-    zor_printf(ctx->buffer, "}");
+    zor_json_put(ctx, "}");
     ctx->need_comma = 1;
 }
 
@@ -83,10 +104,10 @@ static void zor_json_arr_opened(zor_json_ctx *ctx)
 {
     ctx->need_comma = 0;
     if (zor_json_one_per_line(ctx)) {
-        zor_printf(ctx->buffer, "\n");
+        zor_json_put(ctx, "\n");
         ctx->indent = static_cast<uint8_t>(ctx->indent + ctx->indent_size);
     } else {
-        zor_printf(ctx->buffer, " ");
+        zor_json_put(ctx, " ");
     }
 }
 
@@ -97,7 +118,7 @@ void zor_json_start_arr(zor_json_ctx *ctx, int layout)
         zor_json_indent(ctx);
     ZOR_ASSERT((ctx->array_types & 0x80000000) == 0x0);
     ctx->array_types = (ctx->array_types << 1) | (layout == 1 ? 1u : 0u);
-    zor_printf(ctx->buffer, "[");
+    zor_json_put(ctx, "[");
     zor_json_arr_opened(ctx);
 }
 
@@ -107,7 +128,7 @@ void zor_json_start_arr_pair(zor_json_ctx *ctx, const char *key, int layout)
     zor_json_indent(ctx);
     ZOR_ASSERT((ctx->array_types & 0x80000000) == 0x0);
     ctx->array_types = (ctx->array_types << 1) | (layout == 1 ? 1u : 0u);
-    zor_printf(ctx->buffer, "\"%s\": [", key);
+    zor_json_put(ctx, "\"", key, "\": [");
     zor_json_arr_opened(ctx);
 }
 
@@ -115,12 +136,12 @@ void zor_json_end_arr(zor_json_ctx *ctx)
 {
     if (zor_json_one_per_line(ctx)) {
         ctx->indent = static_cast<uint8_t>(ctx->indent - ctx->indent_size);
-        zor_printf(ctx->buffer, "\n");
+        zor_json_put(ctx, "\n");
         zor_json_indent(ctx);
     } else {
-        zor_printf(ctx->buffer, " ");
+        zor_json_put(ctx, " ");
     }
-    zor_printf(ctx->buffer, "]");
+    zor_json_put(ctx, "]");
     ctx->array_types >>= 1;
     ctx->need_comma = 1;
 }
@@ -128,15 +149,15 @@ void zor_json_end_arr(zor_json_ctx *ctx)
 static void zor_json_arr_val(zor_json_ctx *ctx, int quotes, const char *value)
 {
     if (ctx->need_comma == 1) {
-        zor_printf(ctx->buffer, ",");
-        zor_printf(ctx->buffer, zor_json_one_per_line(ctx) ? "\n" : " ");
+        zor_json_put(ctx, ",");
+        zor_json_put(ctx, zor_json_one_per_line(ctx) ? "\n" : " ");
     }
     if (zor_json_one_per_line(ctx))
         zor_json_indent(ctx);
     if (quotes)
-        zor_printf(ctx->buffer, "\"%s\"", value);
+        zor_json_put(ctx, "\"", value, "\"");
     else
-        zor_printf(ctx->buffer, "%s", value);
+        zor_json_put(ctx, value);
     ctx->need_comma = 1;
 }
 
@@ -165,9 +186,9 @@ static void zor_json_pair(zor_json_ctx *ctx, const char *key, int quotes, const 
     zor_json_separator(ctx);
     zor_json_indent(ctx);
     if (quotes)
-        zor_printf(ctx->buffer, "\"%s\": \"%s\"", key, value);
+        zor_json_put(ctx, "\"", key, "\": \"", value, "\"");
     else
-        zor_printf(ctx->buffer, "\"%s\": %s", key, value);
+        zor_json_put(ctx, "\"", key, "\": ", value);
     ctx->need_comma = 1;
 }
 
