@@ -16,5 +16,8 @@
 #include "zor_dict.h"
 #include "zor_datatype.h"
 #include "zor_reg.h"
+#include "zor_buffer.h"
+#include "zor_json.h"
+#include "jsmn/jsmn.h"
 
 #endif /* ZOR_H */

@@ -1,0 +1,186 @@
+/* JSON tokenizer: token tables, error codes and positions, growth, unescape. */
+#include "zor_test.h"
+#include "jsmn/jsmn.h"
+
+#include <string>
+#include <vector>
+
+namespace
+{
+
+/* One token as "KIND text size parent skip", KIND one of U O A S P. */
+std::string show(const jsmn_token &tok)
+{
+    std::string text = tok.str.ptr ? std::string(tok.str.ptr, tok.str.len) : "(open)";
+    return std::string(1, "UOASP"[tok.type]) + " " + text + " " + std::to_string(tok.size) + " " +
+           std::to_string(tok.parent) + " " + std::to_string(tok.skip);
+}
+
+struct parsed {
+    int32_t result;
+    uint32_t pos;
+    std::vector<std::string> tokens;
+};
+
+/* Tokenizes `text` (its whole length, NULs included) with room for 4 tokens. */
+parsed tokenize(const std::string &text)
+{
+    jsmn_token local[4];
+    jsmn_tokenizer t;
+    jsmn_init(&t, local, 4);
+    parsed out;
+    out.result = jsmn_parse(&t, text.data(), text.size());
+    out.pos = t.pos;
+    for (uint32_t i = 0; i < t.next_token; i++)
+        out.tokens.push_back(show(t.tokens[i]));
+    jsmn_destroy(&t);
+    return out;
+}
+
+using strings = std::vector<std::string>;
+
+} // namespace
+
+TEST(Jsmn, TokenTables)
+{
+    parsed p = tokenize("{\"a\": 1, \"b\": [\"x\", \"y\"]}");
+    EXPECT_EQ(p.result, 7);
+    EXPECT_EQ(p.tokens,
+              strings({"O {\"a\": 1, \"b\": [\"x\", \"y\"]} 2 -1 7", "S a 1 0 2", "P 1 0 1 3",
+                       "S b 1 0 4", "A [\"x\", \"y\"] 2 3 7", "S x 0 4 6", "S y 0 4 7"}));
+
+    /* Nesting with empty containers; a key's value may be an object. */
+    p = tokenize("[[1,[2]],{\"k\":{}}]");
+    EXPECT_EQ(p.result, 8);
+    EXPECT_EQ(p.tokens, strings({"A [[1,[2]],{\"k\":{}}] 2 -1 8", "A [1,[2]] 2 0 5", "P 1 0 1 3",
+                                 "A [2] 1 1 5", "P 2 0 3 5", "O {\"k\":{}} 1 0 8", "S k 1 5 7",
+                                 "O {} 0 6 8"}));
+
+    /* Unquoted keys; several top-level values; escapes and odd bytes kept
+     * in strings; a NUL ends the input. */
+    p = tokenize("{a: tru}");
+    EXPECT_EQ(p.tokens, strings({"O {a: tru} 1 -1 3", "P a 1 0 2", "P tru 0 1 3"}));
+    p = tokenize(std::string("1 \"s\\\"\x01\x80\" [] {}\0[", 17));
+    EXPECT_EQ(p.result, 4);
+    EXPECT_EQ(p.tokens,
+              strings({"P 1 0 -1 1", "S s\\\"\x01\x80 0 -1 2", "A [] 0 -1 3", "O {} 0 -1 4"}));
+    EXPECT_EQ(p.pos, 15u); /* stopped at the NUL */
+    EXPECT_EQ(tokenize("").result, 0);
+    EXPECT_EQ(tokenize(std::string("\0[", 2)).result, 0);
+    EXPECT_EQ(tokenize("\"\\u00e9\\n\"").tokens, strings({"S \\u00e9\\n 0 -1 1"}));
+    std::string word(17, 'w'), prim = word + "\x7e" + word;
+    EXPECT_EQ(tokenize("{" + prim + ":\"" + word + "\\/" + word + "\"}").tokens,
+              strings({"O {" + prim + ":\"" + word + "\\/" + word + "\"} 1 -1 3",
+                       "P " + prim + " 1 0 2", "S " + word + "\\/" + word + " 0 1 3"}));
+}
+
+TEST(Jsmn, StringStartAndPrimitiveAtEnd)
+{
+    jsmn_token tok[2];
+    jsmn_tokenizer t;
+    jsmn_init(&t, tok, 2);
+    EXPECT_EQ(jsmn_parse(&t, " \"ab\" 12", 8), 2);
+    EXPECT_EQ(t.tokens[0].start, 2);
+    EXPECT_EQ(t.tokens[1].start, 6);
+    EXPECT_EQ(t.tokens[1].str.len, 2u);
+    EXPECT_EQ(t.pos, 8u);
+}
+
+TEST(Jsmn, ErrorsAndPositions)
+{
+    struct {
+        std::string text;
+        int32_t result;
+        uint32_t pos;
+    } cases[] = {
+        {"]", JSMN_ERR_INVALID, 0},            /* no token before it */
+        {"  }", JSMN_ERR_INVALID, 2},          /* likewise */
+        {"[1}", JSMN_ERR_INVALID, 2},          /* kind mismatch */
+        {"{\"a\": [1}", JSMN_ERR_INVALID, 8},  /* innermost is the array */
+        {"[1] ]", JSMN_ERR_INVALID, 4},        /* stray at top level */
+        {"{} ]", JSMN_ERR_INVALID, 3},         /* stray, other kind */
+        {"[\"a\\q\"]", JSMN_ERR_INVALID, 1},   /* bad escape */
+        {"[\"\\u123\"]", JSMN_ERR_INVALID, 1}, /* three hex digits */
+        {"\"\\u12G4\"", JSMN_ERR_INVALID, 0},  /* non-hex digit */
+        {"[\"\\u123", JSMN_ERR_PARTIAL, 1},    /* cut after three digits */
+        {"x \"abc", JSMN_ERR_PARTIAL, 2},      /* unterminated */
+        {"\"ab\\", JSMN_ERR_PARTIAL, 0},       /* lone backslash last */
+        {std::string("\"a\0\"", 4), JSMN_ERR_PARTIAL, 0},
+        {std::string("\"a\\\0\"", 5), JSMN_ERR_INVALID, 0},
+        {"[1, a\001b]", JSMN_ERR_INVALID, 4}, /* control byte */
+        {"tru\200e", JSMN_ERR_INVALID, 0},    /* byte above 126 */
+        {"x\x7f", JSMN_ERR_INVALID, 0},
+        {"{\"a\": [1, 2]", JSMN_ERR_PARTIAL, 12}, /* container left open */
+        /* The same past 16 bytes of ordinary text (scanned in groups). */
+        {"[\"" + std::string(20, 'a') + "\\q\"]", JSMN_ERR_INVALID, 1},
+        {"[" + std::string(20, 'b') + "\x01" + std::string(20, 'b') + "]", JSMN_ERR_INVALID, 1},
+        {"\"" + std::string(30, 'c') + std::string("\0\"", 2), JSMN_ERR_PARTIAL, 0},
+        {"\"" + std::string(40, 'd'), JSMN_ERR_PARTIAL, 0},
+        {"1, " + std::string(20, 'e') + "\x80", JSMN_ERR_INVALID, 3},
+    };
+    for (const auto &c : cases) {
+        parsed p = tokenize(c.text);
+        EXPECT_EQ(p.result, c.result) << c.text;
+        EXPECT_EQ(p.pos, c.pos) << c.text;
+    }
+
+    /* Tokens taken before an error remain; open containers have no text. */
+    parsed p = tokenize("[1, {\"k\": 2, x\x02]");
+    EXPECT_EQ(p.result, JSMN_ERR_INVALID);
+    EXPECT_EQ(p.tokens, strings({"A (open) 2 -1 0", "P 1 0 0 2", "O (open) 1 0 0", "S k 1 2 4",
+                                 "P 2 0 3 5"}));
+
+    /* A bracket after a complete top-level value, with a super token set
+     * by ":", is ignored. */
+    EXPECT_EQ(tokenize("[1] :]").result, 2);
+}
+
+TEST(Jsmn, GrowthAndOwnership)
+{
+    jsmn_token local[2];
+    jsmn_tokenizer t;
+    jsmn_init(&t, local, 2);
+    EXPECT_EQ(t.tokens, local);
+    const char *text = "[1,2,3,[4,5,6,7],8]";
+    EXPECT_EQ(jsmn_parse(&t, text, strlen(text)), 10);
+    EXPECT_NE(t.tokens, local);
+    EXPECT_EQ(t.initial_tokens, local);
+    EXPECT_EQ(t.token_capacity, 16u);
+    EXPECT_EQ(show(t.tokens[4]), "A [4,5,6,7] 4 0 9");
+    EXPECT_EQ(show(t.tokens[8]), "P 7 0 4 9");
+    jsmn_token *grown = t.tokens;
+    EXPECT_EQ(jsmn_parse(&t, "[1]", 3), 2); /* growth is kept */
+    EXPECT_EQ(t.tokens, grown);
+    EXPECT_EQ(t.token_capacity, 16u);
+    jsmn_destroy(&t); /* frees the grown array, not `local` */
+    EXPECT_EQ(t.tokens, nullptr);
+
+    jsmn_init(&t, nullptr, 1); /* the tokenizer's own array */
+    EXPECT_NE(t.tokens, nullptr);
+    EXPECT_EQ(jsmn_parse(&t, "[[[]]]", 6), 3);
+    EXPECT_EQ(t.token_capacity, 4u);
+    jsmn_destroy(&t);
+}
+
+TEST(Jsmn, Unescape)
+{
+    char buf[16];
+    zor_str out = jsmn_str_unescape(zor_str_init("a\\\"b\\nc"), buf, sizeof(buf));
+    EXPECT_EQ(out.ptr, buf);
+    EXPECT_EQ(std::string(out.ptr, out.len), "a\"b\\nc");
+    out = jsmn_str_unescape(zor_str_init("\\/\\\\\\"), buf, 5);
+    EXPECT_EQ(std::string(out.ptr, out.len), "/\\\\");
+    out = jsmn_str_unescape(zor_str_init(""), buf, 0);
+    EXPECT_EQ(out.len, 0u);
+}
+
+TEST(Jsmn, BrokenPreconditionsStop)
+{
+    jsmn_tokenizer t;
+    ZOR_EXPECT_ASSERT(jsmn_init(&t, nullptr, 0), "jsmn_init", "token_count != 0");
+    char buf[4];
+    ZOR_EXPECT_ASSERT(jsmn_str_unescape(zor_str_init("12345"), buf, 4), "jsmn_str_unescape",
+                      "size >= str.len");
+    ZOR_EXPECT_ASSERT(jsmn_str_unescape(zor_str_init(""), nullptr, 0), "zor_str_init_len",
+                      "str != ((void *)0)");
+}

@@ -1,0 +1,128 @@
+/* JSON writer: exact output, layouts, value cut, indentation wrap, depth. */
+#include "zor_test.h"
+#include "zor_json.h"
+
+#include <string>
+
+namespace
+{
+
+class Json : public ::testing::Test
+{
+  protected:
+    zor_buffer b = {};
+    zor_json_ctx j;
+    void SetUp() override
+    {
+        zor_json_init(&j, &b, 2, 0);
+    }
+    void TearDown() override
+    {
+        zor_buffer_free(&b);
+    }
+    /* Everything written so far, consumed. */
+    std::string take()
+    {
+        zor_str s = zor_buffer_flatten(&b);
+        std::string out(s.ptr, s.len);
+        free(const_cast<char *>(s.ptr));
+        zor_buffer_consume(&b, b.size);
+        return out;
+    }
+};
+
+} // namespace
+
+TEST_F(Json, WorkedExample)
+{
+    zor_json_start_obj(&j);
+    zor_json_pair_quotes(&j, "K", "%s", "V");
+    zor_json_start_arr_pair(&j, "L", 1);
+    zor_json_arr_val_noquotes(&j, "%d", 1);
+    zor_json_arr_val_noquotes(&j, "%d", 2);
+    zor_json_end_arr(&j);
+    zor_json_start_arr_pair(&j, "T", 0);
+    zor_json_arr_val_quotes(&j, "%c", 'A');
+    zor_json_arr_val_quotes(&j, "B");
+    zor_json_end_arr(&j);
+    zor_json_end_obj(&j);
+    EXPECT_EQ(take(), "{\n  \"K\": \"V\",\n  \"L\": [\n    1,\n    2\n  ],\n"
+                      "  \"T\": [ \"A\", \"B\" ]\n}");
+    EXPECT_EQ(j.indent, 0);
+    EXPECT_EQ(j.array_types, 0u);
+    EXPECT_EQ(j.need_comma, 1u);
+}
+
+TEST_F(Json, LayoutsAndNesting)
+{
+    /* Objects as array elements, a one-line array inside a per-line one. */
+    zor_json_start_arr(&j, 1);
+    zor_json_start_obj(&j);
+    zor_json_pair_noquotes(&j, "a", "%s", "true");
+    zor_json_end_obj(&j);
+    zor_json_start_obj_pair(&j, "o"); /* written as given, even if invalid */
+    zor_json_end_obj(&j);
+    zor_json_start_arr(&j, 0);
+    zor_json_arr_val_noquotes(&j, "x");
+    zor_json_arr_val_noquotes(&j, "y");
+    zor_json_end_arr(&j);
+    zor_json_arr_val_noquotes(&j, "%d", 2);
+    zor_json_end_arr(&j);
+    EXPECT_EQ(take(), "[\n  {\n    \"a\": true\n  },\n  \"o\": {\n\n  },\n  [ x, y ],\n  2\n]");
+
+    /* Empty arrays of both layouts; a second top-level value. */
+    zor_json_init(&j, &b, 2, 0);
+    zor_json_start_arr_pair(&j, "E", 1);
+    zor_json_end_arr(&j);
+    zor_json_start_arr(&j, 7);
+    zor_json_end_arr(&j);
+    EXPECT_EQ(take(), "\"E\": [\n\n],\n[  ]");
+}
+
+TEST_F(Json, ValuesCutKeysWhole)
+{
+    std::string key(300, 'k'), value(300, 'v');
+    zor_json_pair_quotes(&j, key.c_str(), "%s", value.c_str());
+    EXPECT_EQ(take(), "\"" + key + "\": \"" + value.substr(0, 255) + "\"");
+    zor_json_arr_val_noquotes(&j, "%s%s", value.c_str(), "tail");
+    EXPECT_EQ(take(), ", " + value.substr(0, 255)); /* no array open: one-line */
+}
+
+TEST_F(Json, IndentWraps)
+{
+    zor_json_init(&j, &b, 200, 0);
+    zor_json_start_obj(&j);
+    zor_json_start_obj(&j);
+    EXPECT_EQ(j.indent, 144);
+    EXPECT_EQ(take(), "{\n" + std::string(200, ' ') + "{\n");
+    zor_json_end_obj(&j);
+    EXPECT_EQ(j.indent, 200);
+    zor_json_end_obj(&j);
+    EXPECT_EQ(j.indent, 0);
+    EXPECT_EQ(take(), "\n" + std::string(200, ' ') + "}\n}");
+}
+
+TEST_F(Json, LayoutStackDepth)
+{
+    std::string open, close;
+    for (int i = 0; i < 33; i++) {
+        zor_json_start_arr(&j, 0);
+        open += "[ ";
+        close += " ]";
+    }
+    for (int i = 0; i < 33; i++)
+        zor_json_end_arr(&j);
+    EXPECT_EQ(take(), open + close);
+
+    zor_json_start_arr(&j, 1);
+    for (int i = 0; i < 31; i++)
+        zor_json_start_arr(&j, 0);
+    EXPECT_EQ(j.array_types, 0x80000000u);
+    ZOR_EXPECT_ASSERT(zor_json_start_arr(&j, 0), "zor_json_start_arr",
+                      "(ctx->array_types & 0x80000000) == 0x0");
+    ZOR_EXPECT_ASSERT(zor_json_start_arr_pair(&j, "k", 1), "zor_json_start_arr_pair",
+                      "(ctx->array_types & 0x80000000) == 0x0");
+    zor_json_end_arr(&j);
+    zor_json_start_arr_pair(&j, "k", 1); /* room again */
+    EXPECT_EQ(j.array_types, 0x80000001u);
+}

@@ -1,0 +1,377 @@
+/*
+ * JSON tokenizer. One loop over the input acts on each structural byte;
+ * strings and primitives are scanned by inner loops driven by byte class
+ * tables. The parse keeps its working state (position, token array, next
+ * token, super token) in locals and stores it back into the tokenizer on
+ * every way out, so that t->pos tells where an error was found.
+ *
+ * Open containers are counted as they are opened and closed: a container
+ * is open exactly while its text is unset, so a count above 0 at the end
+ * means some object or array was never closed.
+ */
+#include "jsmn.h"
+
+#include <string.h>
+
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
+static_assert(offsetof(jsmn_token, type) == 0, "jsmn_token field order");
+static_assert(offsetof(jsmn_token, str) == 8, "jsmn_token field order");
+static_assert(offsetof(jsmn_token, start) == 24, "jsmn_token field order");
+static_assert(offsetof(jsmn_token, size) == 28, "jsmn_token field order");
+static_assert(offsetof(jsmn_token, parent) == 32, "jsmn_token field order");
+static_assert(offsetof(jsmn_token, skip) == 36, "jsmn_token field order");
+static_assert(offsetof(jsmn_tokenizer, pos) == 0, "jsmn_tokenizer field order");
+static_assert(offsetof(jsmn_tokenizer, next_token) == 4, "jsmn_tokenizer field order");
+static_assert(offsetof(jsmn_tokenizer, super_token) == 8, "jsmn_tokenizer field order");
+static_assert(offsetof(jsmn_tokenizer, text) == 16, "jsmn_tokenizer field order");
+static_assert(offsetof(jsmn_tokenizer, text_len) == 24, "jsmn_tokenizer field order");
+static_assert(offsetof(jsmn_tokenizer, initial_tokens) == 32, "jsmn_tokenizer field order");
+static_assert(offsetof(jsmn_tokenizer, token_capacity) == 40, "jsmn_tokenizer field order");
+static_assert(offsetof(jsmn_tokenizer, tokens) == 48, "jsmn_tokenizer field order");
+
+namespace
+{
+
+/* Byte classes inside a primitive. */
+enum : uint8_t { PRIM_PART = 0, PRIM_END = 1, PRIM_BAD = 2 };
+/* Byte classes inside a string. */
+enum : uint8_t { STR_PART = 0, STR_QUOTE = 1, STR_ESCAPE = 2, STR_NUL = 3 };
+
+struct jsmn_tables {
+    uint8_t prim[256];
+    uint8_t str[256];
+    uint8_t hex[256];
+    constexpr jsmn_tables() : prim(), str(), hex()
+    {
+        for (int c = 0; c < 256; c++) {
+            prim[c] = (c < 32 || c > 126) ? PRIM_BAD : PRIM_PART;
+            hex[c] = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F') || (c >= 'a' && c <= 'f');
+        }
+        /* The end of a primitive: white space, separators, closing brackets
+         * and a NUL (which also ends the input). */
+        const char ends[] = {'\t', '\r', '\n', ' ', ',', ']', '}', ':', '\0'};
+        for (char c : ends)
+            prim[static_cast<uint8_t>(c)] = PRIM_END;
+        str[static_cast<uint8_t>('"')] = STR_QUOTE;
+        str[static_cast<uint8_t>('\\')] = STR_ESCAPE;
+        str[0] = STR_NUL;
+    }
+};
+constexpr jsmn_tables tables;
+
+/* A text view of n bytes at p; offsets here are 32-bit unsigned. */
+inline zor_str jsmn_text(const char *p, uint64_t n)
+{
+    zor_str s = zor_str_init_len(p, 0);
+    s.len = n;
+    return s;
+}
+
+/* Doubles the token array, keeping the tokens taken so far. */
+__attribute__((noinline)) jsmn_token *jsmn_tokens_grow(jsmn_tokenizer *t)
+{
+    uint64_t capacity = t->token_capacity;
+    jsmn_token *grown = static_cast<jsmn_token *>(util_calloc(2 * capacity * sizeof(jsmn_token)));
+    memcpy(grown, t->tokens, capacity * sizeof(jsmn_token));
+    if (t->tokens != t->initial_tokens)
+        free(t->tokens);
+    t->tokens = grown;
+    t->token_capacity = static_cast<uint32_t>(2 * capacity);
+    return grown;
+}
+
+/* Takes the next token, growing the array when it is full; zeroed, with
+ * start and parent -1. */
+inline jsmn_token *jsmn_token_alloc(jsmn_tokenizer *t, jsmn_token *&tokens, uint32_t &next)
+{
+    if (next >= t->token_capacity)
+        tokens = jsmn_tokens_grow(t);
+    jsmn_token *tok = &tokens[next++];
+    memset(tok, 0, sizeof(*tok));
+    tok->start = -1;
+    tok->parent = -1;
+    return tok;
+}
+
+inline void jsmn_token_fill(jsmn_token *tok, jsmn_tok_type type, const char *text, uint64_t start,
+                            uint64_t end)
+{
+    tok->type = type;
+    tok->str = jsmn_text(text + start, end - start);
+    tok->start = static_cast<int32_t>(start);
+    tok->size = 0;
+}
+
+/*
+ * Skipping runs of ordinary bytes 16 at a time. Each returns the offset of
+ * the first byte at or after `i` that a scanner must look at: for a string
+ * a quote, backslash or NUL; for a primitive any byte outside 33..126 or
+ * one of , ] } : (white space, NUL, bad bytes and separators). Only whole
+ * 16-byte groups inside the input are read; the scalar loops finish the
+ * rest.
+ */
+#ifdef __SSE2__
+inline uint64_t jsmn_skip_string_bytes(const char *text, uint64_t len, uint64_t i)
+{
+    const __m128i quote = _mm_set1_epi8('"'), escape = _mm_set1_epi8('\\');
+    const __m128i zero = _mm_setzero_si128();
+    for (; i + 16 <= len; i += 16) {
+        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(text + i));
+        __m128i hit =
+            _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, quote), _mm_cmpeq_epi8(v, escape)),
+                         _mm_cmpeq_epi8(v, zero));
+        unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(hit));
+        if (mask != 0)
+            return i + static_cast<unsigned>(__builtin_ctz(mask));
+    }
+    return i;
+}
+
+inline uint64_t jsmn_skip_primitive_bytes(const char *text, uint64_t len, uint64_t i)
+{
+    const __m128i space = _mm_set1_epi8(32), del = _mm_set1_epi8(127);
+    const __m128i comma = _mm_set1_epi8(','), colon = _mm_set1_epi8(':');
+    const __m128i bracket = _mm_set1_epi8(']'), brace = _mm_set1_epi8('}');
+    for (; i + 16 <= len; i += 16) {
+        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(text + i));
+        /* As signed bytes, 33..126 are above 32 except 127; 128..255 are
+         * negative. */
+        __m128i ordinary = _mm_andnot_si128(_mm_cmpeq_epi8(v, del), _mm_cmpgt_epi8(v, space));
+        __m128i sep =
+            _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, comma), _mm_cmpeq_epi8(v, colon)),
+                         _mm_or_si128(_mm_cmpeq_epi8(v, bracket), _mm_cmpeq_epi8(v, brace)));
+        unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(_mm_andnot_si128(sep, ordinary)));
+        if (mask != 0xFFFF)
+            return i + static_cast<unsigned>(__builtin_ctz(~mask));
+    }
+    return i;
+}
+#else
+inline uint64_t jsmn_skip_string_bytes(const char *, uint64_t, uint64_t i)
+{
+    return i;
+}
+inline uint64_t jsmn_skip_primitive_bytes(const char *, uint64_t, uint64_t i)
+{
+    return i;
+}
+#endif
+
+/*
+ * Scans a string from *i (just after the opening quote) to its closing
+ * quote, left in *i. Returns 0, or the error for an invalid escape or an
+ * input that ends (or reaches a NUL) first.
+ */
+inline int32_t jsmn_scan_string(const char *text, uint64_t len, uint64_t &i)
+{
+    for (;;) {
+        i = jsmn_skip_string_bytes(text, len, i);
+        while (i < len && tables.str[static_cast<unsigned char>(text[i])] == STR_PART)
+            i++;
+        if (i >= len)
+            return JSMN_ERR_PARTIAL;
+        uint8_t cls = tables.str[static_cast<unsigned char>(text[i])];
+        if (cls == STR_QUOTE)
+            return 0;
+        if (cls == STR_NUL)
+            return JSMN_ERR_PARTIAL;
+        /* A backslash. As the last byte it is part of a string that is cut. */
+        if (i + 1 >= len)
+            return JSMN_ERR_PARTIAL;
+        i++;
+        switch (text[i]) {
+        case '"':
+        case '/':
+        case '\\':
+        case 'b':
+        case 'f':
+        case 'n':
+        case 'r':
+        case 't':
+            i++;
+            break;
+        case 'u':
+            /* Up to four hex digits; the end of the input or a NUL may cut
+             * them short, and the string then ends unterminated. */
+            i++;
+            for (int k = 0; k < 4 && i < len && text[i] != '\0'; k++, i++) {
+                if (!tables.hex[static_cast<unsigned char>(text[i])])
+                    return JSMN_ERR_INVALID;
+            }
+            break;
+        default:
+            return JSMN_ERR_INVALID;
+        }
+    }
+}
+
+} // namespace
+
+void jsmn_init(jsmn_tokenizer *t, jsmn_token *tokens, uint32_t token_count)
+{
+    ZOR_ASSERT(token_count != 0);
+    t->pos = 0;
+    t->next_token = 0;
+    t->super_token = -1;
+    t->text = nullptr;
+    t->text_len = 0;
+    t->initial_tokens = tokens;
+    t->token_capacity = token_count;
+    if (tokens == nullptr)
+        tokens = static_cast<jsmn_token *>(util_calloc(uint64_t(token_count) * sizeof(jsmn_token)));
+    t->tokens = tokens;
+}
+
+void jsmn_destroy(jsmn_tokenizer *t)
+{
+    if (t->tokens == t->initial_tokens)
+        return;
+    free(t->tokens);
+    t->tokens = nullptr;
+}
+
+int32_t jsmn_parse(jsmn_tokenizer *t, const char *text, uint64_t len)
+{
+    t->text = text;
+    t->text_len = len;
+    jsmn_token *tokens = t->tokens;
+    uint32_t next = 0;
+    int32_t super = -1;
+    uint32_t open = 0; /* containers opened and not yet closed */
+    uint64_t pos = 0;
+    int32_t result;
+
+    for (; pos < len; pos++) {
+        const unsigned char c = static_cast<unsigned char>(text[pos]);
+        switch (c) {
+        case '\0':
+            goto done;
+        case '\t':
+        case '\n':
+        case '\r':
+        case ' ':
+            break;
+        case '{':
+        case '[': {
+            jsmn_token *tok = jsmn_token_alloc(t, tokens, next);
+            if (super != -1) {
+                tokens[super].size++;
+                tok->parent = super;
+            }
+            tok->type = c == '{' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY;
+            tok->start = static_cast<int32_t>(pos);
+            super = static_cast<int32_t>(next - 1);
+            open++;
+            break;
+        }
+        case '}':
+        case ']': {
+            const jsmn_tok_type want = c == '}' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY;
+            if (next == 0) {
+                result = JSMN_ERR_INVALID;
+                goto fail;
+            }
+            /* Up the parent links from the last token to the innermost open
+             * container. */
+            jsmn_token *tok = &tokens[next - 1];
+            for (;;) {
+                if (tok->str.ptr == nullptr) {
+                    if (tok->type != want) {
+                        result = JSMN_ERR_INVALID;
+                        goto fail;
+                    }
+                    tok->str = jsmn_text(text + tok->start, pos - uint64_t(tok->start) + 1);
+                    tok->skip = static_cast<int32_t>(next);
+                    super = tok->parent;
+                    open--;
+                    break;
+                }
+                if (tok->parent == -1) {
+                    /* Nothing open: a stray bracket after a complete value. */
+                    if (tok->type != want || super == -1) {
+                        result = JSMN_ERR_INVALID;
+                        goto fail;
+                    }
+                    break;
+                }
+                tok = &tokens[tok->parent];
+            }
+            break;
+        }
+        case '"': {
+            uint64_t i = pos + 1;
+            result = jsmn_scan_string(text, len, i);
+            if (result != 0)
+                goto fail; /* pos stays on the opening quote */
+            jsmn_token *tok = jsmn_token_alloc(t, tokens, next);
+            jsmn_token_fill(tok, JSMN_TOK_STRING, text, pos + 1, i);
+            tok->parent = super;
+            tok->skip = static_cast<int32_t>(next);
+            if (super != -1)
+                tokens[super].size++;
+            pos = i;
+            break;
+        }
+        case ':':
+            super = static_cast<int32_t>(next) - 1;
+            break;
+        case ',':
+            if (super != -1 && tokens[super].type != JSMN_TOK_OBJECT &&
+                tokens[super].type != JSMN_TOK_ARRAY)
+                super = tokens[super].parent;
+            break;
+        default: {
+            const uint64_t s = pos;
+            uint64_t i = jsmn_skip_primitive_bytes(text, len, s);
+            for (; i < len; i++) {
+                uint8_t cls = tables.prim[static_cast<unsigned char>(text[i])];
+                if (cls == PRIM_PART)
+                    continue;
+                if (cls == PRIM_END)
+                    break;
+                pos = s;
+                result = JSMN_ERR_INVALID;
+                goto fail;
+            }
+            jsmn_token *tok = jsmn_token_alloc(t, tokens, next);
+            jsmn_token_fill(tok, JSMN_TOK_PRIMITIVE, text, s, i);
+            tok->parent = super;
+            tok->skip = static_cast<int32_t>(next);
+            if (super != -1)
+                tokens[super].size++;
+            pos = i - 1;
+            break;
+        }
+        }
+    }
+done:
+    result = open != 0 ? JSMN_ERR_PARTIAL : static_cast<int32_t>(next);
+fail:
+    t->pos = static_cast<uint32_t>(pos);
+    t->next_token = next;
+    t->super_token = super;
+    return result;
+}
+
+zor_str jsmn_str_unescape(zor_str str, char *buf, uint64_t size)
+{
+    ZOR_ASSERT(size >= str.len);
+    zor_str out = zor_str_init_len(buf, 0);
+    uint64_t n = 0;
+    for (uint64_t i = 0; i < str.len; i++) {
+        char c = str.ptr[i];
+        if (c == '\\' && i + 1 < str.len) {
+            char e = str.ptr[i + 1];
+            if (e == '/' || e == '\\' || e == '"') {
+                c = e;
+                i++;
+            }
+        }
+        buf[n++] = c;
+    }
+    out.len = n;
+    return out;
+}
