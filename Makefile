@@ -1,19 +1,22 @@
 # Drives CMake. Every target first installs missing Debian packages.
-#   make demo       build and run the main example
+#   make demo       build and run the example validator on the sample data
 #   make test       build and run every test (ctest)
 #   make sanitize   the same tests built with clang, ASan and UBSan
 #   make memcheck   every test program under valgrind memcheck (errors and leaks fail)
 #   make bench      build and run the benchmarks (Release)
+#   make fuzz       run every fuzz target for FUZZ_SECONDS (default 60) each
 #   make install    install into PREFIX (default /usr/local)
 
 BUILD    ?= build
 SAN      ?= build-san
 BENCHDIR ?= build-bench
+FUZZDIR  ?= build-fuzz
+FUZZ_SECONDS ?= 60
 PREFIX   ?= /usr/local
 JOBS     ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build demo test sanitize memcheck bench install format clean
+.PHONY: all deps build demo test sanitize memcheck bench fuzz install format clean
 
 all: build
 
@@ -26,8 +29,14 @@ $(BUILD)/build.ninja: | deps
 build: deps $(BUILD)/build.ninja
 	cmake --build $(BUILD) -j $(JOBS)
 
+# The example validator on the sample data: a base configuration, an accepted
+# change, a rejected one (rolled back) and another accepted one. Its exit
+# status is 1 because one transaction is rejected, as intended.
+DEMO_FILES = examples/data/base.json examples/data/01-add-eth2.json \
+             examples/data/02-bad-rollout.json examples/data/03-defaults.json
+
 demo: build
-	$(BUILD)/examples/zor_tour
+	$(BUILD)/examples/zorcheck --state $(DEMO_FILES) || [ $$? -eq 1 ]
 
 test: build
 	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
@@ -46,6 +55,11 @@ bench: deps
 	cmake --build $(BENCHDIR) -j $(JOBS)
 	@for b in $(BENCHDIR)/bench/bench_*; do echo "== $$b"; $$b --benchmark_min_time=0.2; done
 
+fuzz: deps
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZDIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZOR_BUILD_FUZZ=ON -DZOR_STATIC=ON -DZOR_BUILD_TESTS=OFF -DZOR_BUILD_EXAMPLES=OFF $(CMAKE_FLAGS)
+	cmake --build $(FUZZDIR) -j $(JOBS)
+	scripts/fuzz.sh $(FUZZDIR) $(FUZZ_SECONDS)
+
 install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
 
@@ -53,4 +67,4 @@ format:
 	clang-format -i $$(git ls-files '*.c' '*.cpp' '*.h')
 
 clean:
-	rm -rf $(BUILD) $(SAN) $(BENCHDIR)
+	rm -rf $(BUILD) $(SAN) $(BENCHDIR) $(FUZZDIR)

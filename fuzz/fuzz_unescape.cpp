@@ -1,0 +1,48 @@
+/*
+ * jsmn_str_unescape on arbitrary bytes, against a plain model: \/, \\ and
+ * \" become the character they name; every other byte, a backslash before
+ * anything else or at the very end included, is copied as it is. Also:
+ * the output never grows, and a buffer of exactly the input's size is
+ * enough.
+ */
+#include "jsmn/jsmn.h"
+
+#include <stdint.h>
+#include <string.h>
+
+#include <string>
+#include <vector>
+
+#define CHECK(cond)                                                                                \
+    do {                                                                                           \
+        if (!(cond))                                                                               \
+            __builtin_trap();                                                                      \
+    } while (0)
+
+static std::string model(const std::string &in)
+{
+    std::string out;
+    for (size_t i = 0; i < in.size(); i++) {
+        if (in[i] == '\\' && i + 1 < in.size() &&
+            (in[i + 1] == '/' || in[i + 1] == '\\' || in[i + 1] == '"')) {
+            out += in[i + 1];
+            i++;
+        } else {
+            out += in[i];
+        }
+    }
+    return out;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    std::string in(reinterpret_cast<const char *>(data), size);
+    /* An exact-size heap buffer lets ASan see any write past it. */
+    std::vector<char> buf(size > 0 ? size : 1);
+    zor_str out = jsmn_str_unescape(zor_str_init_len(in.data(), static_cast<int32_t>(size)),
+                                    buf.data(), size);
+    CHECK(out.ptr == buf.data());
+    CHECK(out.len <= size);
+    CHECK(std::string(out.ptr, out.len) == model(in));
+    return 0;
+}
