@@ -132,13 +132,34 @@ static inline uint32_t zor_dict_get_next_id(zor_dict *dict)
 }
 
 /*
+ * The live record of `text`, or null: zor_hash_table_find on the
+ * dictionary's table with its key getter and hash called directly rather
+ * than through the table's function pointers, since they are always the
+ * dictionary's own. This is the lookup of every zor_dict_ref_get.
+ */
+static inline zor_dict_rec *zor_dict_find(const zor_dict *dict, const zor_str *text)
+{
+    const zor_hash_table *table = dict->table;
+    uint64_t hash = zor_dict_hash(text);
+    zor_dict_rec *rec = (zor_dict_rec *)table->table[hash % table->size];
+    while (rec != ZOR_NULL) {
+        zor_str key;
+        zor_dict_get_key(rec, (char *)ZOR_NULL, &key);
+        if (zor_hash_table_compare_keys(text, &key) == 0)
+            return rec;
+        rec = (zor_dict_rec *)rec->node.next;
+    }
+    return (zor_dict_rec *)ZOR_NULL;
+}
+
+/*
  * The id of `text` (any bytes; ptr may be null only when len is 0), with one
  * more reference, which the caller owns. A new text gets a record with
  * refcount 1.
  */
 static inline uint32_t zor_dict_ref_get(zor_dict *dict, zor_str text)
 {
-    zor_dict_rec *rec = (zor_dict_rec *)zor_hash_table_find(dict->table, &text);
+    zor_dict_rec *rec = zor_dict_find(dict, &text);
     if (rec != ZOR_NULL) {
         rec->refcount++;
         return rec->id;
