@@ -313,7 +313,11 @@ zor_reg_rec_info *zor_reg_db_rec_info(const zor_reg_entry *entry);
 
 /*
  * Creates a data store of the (complete) schema `db` with the caller's
- * `ctx`. Clears the process-wide processing guard.
+ * `ctx`. Clears the process-wide processing guard. Every kind with a
+ * delete-pending flag gets its removal registration, which becomes active
+ * at the first zor_reg_process: call it once after setup, before deleting
+ * any record, or a deletion queued before that pass is dropped and the
+ * record is never removed.
  */
 zor_reg_ds *zor_reg_ds_init(zor_reg_db *db, void *ctx);
 
@@ -502,9 +506,14 @@ int zor_reg_track_present_cb(zor_reg_cb_info *info, zor_iter *entries, void *ctx
  * during the snapshot to have a delete-pending flag: it puts values and set
  * states back through the setters (notifiers run, registrations hear of the
  * changes), reports records deleted since the take created again, and
- * removes records created since through their delete-pending flag. Fields
- * of ZOR_DATATYPE_PROP_NO_RESTORE types keep their current state; those of
- * ZOR_DATATYPE_PROP_RESET_ON_UNSET types are never backed up.
+ * removes records created since through their delete-pending flag. A
+ * record that comes back is reported created (create notifiers run) while
+ * it still reads as deleted through the plain getters; a create notifier
+ * that needs its values reads them with the snapshot getters. Fields of
+ * ZOR_DATATYPE_PROP_NO_RESTORE types keep their current state (their
+ * snapshot bits may keep the state of the take until the next snapshot
+ * ends); those of ZOR_DATATYPE_PROP_RESET_ON_UNSET types are never backed
+ * up.
  */
 void zor_reg_take_snapshot(zor_reg_ds *ds);
 /* Keeps every change: frees backups, finishes deletions, ends the snapshot. */
