@@ -136,8 +136,11 @@ TEST_F(DatatypeString, OrderingAndReleasedIds)
     EXPECT_EQ(str->cmp(&abc, &abc, str), 0);
     EXPECT_LT(str->cmp(&abc, &b, str), 0); /* otherwise strncmp decides */
     EXPECT_GT(str->cmp(&b, &ab, str), 0);
-    /* strncmp stops at the NUL: "ab\0z" and "abc" compare by their first 3 bytes. */
-    EXPECT_EQ(str->cmp(&nul, &abc, str), strncmp("ab", "abc", 3));
+    /* strncmp stops at the NUL: "ab\0z" equals "ab\0a" and sorts before "abc". Only signs
+     * are compared: the magnitude is the C library's (valgrind's strncmp gives another). */
+    zor_string_id nul_a = parse(std::string("ab\0a", 4), str);
+    EXPECT_EQ(str->cmp(&nul, &nul_a, str), 0);
+    EXPECT_LT(str->cmp(&nul, &abc, str), 0);
     EXPECT_EQ(zor_datatype_cmp_eq(&ab, &abc, str), 0);
 
     /* An id whose text is gone stops every operation that reads it. */
@@ -151,6 +154,6 @@ TEST_F(DatatypeString, OrderingAndReleasedIds)
     zor_string_id dst = gone;
     ZOR_EXPECT_ASSERT(str->write(&dst, &abc, str), "zor_dict_id_remove_ref",
                       "record != ((void *)0)");
-    for (zor_string_id *v : {&ab, &abc, &nul})
+    for (zor_string_id *v : {&ab, &abc, &nul, &nul_a})
         str->free(v, str, nullptr);
 }

@@ -64,9 +64,8 @@ static void subnet_key(const void *record, char *scratch, zor_str *key)
     key->len = 5;
 }
 
-obj *index_find(enum kind_id kind, const obj *probe)
+obj *index_find(const obj *probe)
 {
-    (void)kind;
     char scratch[ZOR_HASH_KEY_SCRATCH];
     zor_str key;
     key_of(probe, scratch, &key);
@@ -401,11 +400,9 @@ void index_destroy(void)
 {
     uint64_t n;
     obj **all = (obj **)table_items(g_app.keys, &n);
-    for (uint64_t i = 0; i < n; i++) {
-        zor_hash_table_remove(g_app.keys, all[i]);
-        all[i]->keyed = 0;
+    /* The tables go whole below: nothing is taken out of them one by one. */
+    for (uint64_t i = 0; i < n; i++)
         zor_reg_rec_free(entry_of_obj(all[i]));
-    }
     free(all);
 
     zor_hash_table *owned[2] = {g_app.groups, g_app.subnets};

@@ -173,13 +173,16 @@ static int apply_op(const kind_def *k, op what, staged *values, uint32_t count, 
                     txn_stats *stats)
 {
     char name[96], message[160];
-    obj *found = index_find((enum kind_id)p->o.kind, &p->o);
-    if (found != NULL && record_is_deleting(found))
-        found = NULL;
+    obj *found = index_find(&p->o);
+    /* A record being deleted stays in the key table until the transaction commits. */
+    int deleting = found != NULL && record_is_deleting(found);
     record_display(&p->o, name, sizeof(name));
     if (what == OP_CREATE) {
-        if (found != NULL || index_find((enum kind_id)p->o.kind, &p->o) != NULL) {
-            snprintf(message, sizeof(message), "%s already exists", name);
+        if (found != NULL) {
+            snprintf(message, sizeof(message),
+                     deleting ? "%s is deleted in this transaction and cannot come back in it"
+                              : "%s already exists",
+                     name);
             conflict_add(name, message);
             return 0;
         }
@@ -191,7 +194,7 @@ static int apply_op(const kind_def *k, op what, staged *values, uint32_t count, 
         stats->created++;
         return 0;
     }
-    if (found == NULL) {
+    if (found == NULL || deleting) {
         snprintf(message, sizeof(message), "%s does not exist", name);
         conflict_add(name, message);
         return 0;

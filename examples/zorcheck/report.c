@@ -13,20 +13,32 @@
 static zor_buffer out;
 static zor_json_ctx json;
 
-/* The writer copies text as given: quotes, backslashes and control bytes are escaped here. */
+/*
+ * The writer copies text as given: quotes, backslashes and control bytes are
+ * escaped here. It also cuts values to 255 bytes, so the escaped text stops
+ * at a whole character within that, never inside an escape.
+ */
+#define VALUE_MAX 255
+
 static const char *esc(const char *text)
 {
-    static char bufs[4][512];
+    static char bufs[4][VALUE_MAX + 1];
     static int next;
     char *buf = bufs[next++ & 3];
     size_t n = 0;
-    for (const unsigned char *p = (const unsigned char *)text; *p && n + 7 < sizeof(bufs[0]); p++) {
+    for (const unsigned char *p = (const unsigned char *)text; *p; p++) {
+        char piece[8];
+        int len;
         if (*p == '"' || *p == '\\')
-            buf[n++] = '\\', buf[n++] = (char)*p;
+            len = snprintf(piece, sizeof(piece), "\\%c", *p);
         else if (*p < 0x20)
-            n += (size_t)snprintf(buf + n, 7, "\\u%04x", *p);
+            len = snprintf(piece, sizeof(piece), "\\u%04x", *p);
         else
-            buf[n++] = (char)*p;
+            len = snprintf(piece, sizeof(piece), "%c", *p);
+        if (n + (size_t)len > VALUE_MAX)
+            break;
+        memcpy(buf + n, piece, (size_t)len);
+        n += (size_t)len;
     }
     buf[n] = '\0';
     return buf;

@@ -62,8 +62,9 @@ static const char *ipv4_str(const void *value, const zor_datatype_info *info)
 }
 
 /*
- * Our types, derived from the core ones: "ipv4" takes size, copy and
- * comparison from "mem"; the integer types only narrow "uint".
+ * Our types, derived from the core ones: "ipv4" is 4 bytes of "mem" (copy
+ * and comparison come from it) with its own text form; the integer types
+ * only narrow "uint".
  */
 static const zor_datatype_reg_info own_types[] = {
     {"ipv4", "mem", {.size = 4, .str = ipv4_str, .parse = ipv4_parse}},

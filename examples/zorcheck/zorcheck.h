@@ -34,8 +34,8 @@ typedef struct obj {
     uint32_t violations;          /* one bit per failing rule (enum rule_id) */
     zor_list_link violation_link; /* in app.violated while violations != 0 */
     zor_list_link ref_link;       /* in the referrer list of ref_name */
-    zor_string_id ref_name;       /* interface name listed under; 0: none */
-    uint32_t keyed;               /* 1 while in app.keys */
+    zor_string_id ref_name; /* interfaces: the name owned; others: the name referred to; 0: none */
+    uint32_t keyed;         /* 1 while in app.keys */
 } obj;
 
 typedef struct iface_rec {
@@ -181,7 +181,7 @@ void record_display(const obj *o, char *buf, uint64_t size);
 void index_init(void);
 void index_destroy(void);
 void index_register(void);
-obj *index_find(enum kind_id kind, const obj *probe);
+obj *index_find(const obj *probe); /* by the probe's kind and key fields */
 void index_insert(obj *o);
 name_slot *name_slot_get(zor_string_id id);
 iface_rec *iface_live(zor_string_id name);
