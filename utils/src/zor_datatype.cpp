@@ -9,6 +9,9 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <limits>
+#include <type_traits>
+
 static_assert(offsetof(zor_datatype_info, local_id) == 0, "zor_datatype_info field order");
 static_assert(offsetof(zor_datatype_info, size) == 8, "zor_datatype_info field order");
 static_assert(offsetof(zor_datatype_info, properties) == 16, "zor_datatype_info field order");
@@ -387,78 +390,74 @@ int zor_datatype_parse_bool(const char *text, size_t len, const zor_datatype_inf
 
 /* ---- "int" and "uint" ------------------------------------------------------------------ */
 
+/* A T from storage of any alignment. */
+template <typename T> static inline T zor_datatype_load(const void *value)
+{
+    T v;
+    memcpy(&v, value, sizeof(v));
+    return v;
+}
+
 const char *zor_datatype_str_int(const void *value, const zor_datatype_info *info)
 {
-    char *buf;
+    int64_t v;
     switch (info->size) {
-    case 1: {
-        int8_t v;
-        memcpy(&v, value, sizeof(v));
-        buf = zor_datatype_buf_get();
-        snprintf(buf, ZOR_DATATYPE_BUF_SIZE, "%d", v);
-        return buf;
-    }
-    case 2: {
-        int16_t v;
-        memcpy(&v, value, sizeof(v));
-        buf = zor_datatype_buf_get();
-        snprintf(buf, ZOR_DATATYPE_BUF_SIZE, "%d", v);
-        return buf;
-    }
-    case 4: {
-        int32_t v;
-        memcpy(&v, value, sizeof(v));
-        buf = zor_datatype_buf_get();
-        snprintf(buf, ZOR_DATATYPE_BUF_SIZE, "%d", v);
-        return buf;
-    }
-    case 8: {
-        int64_t v;
-        memcpy(&v, value, sizeof(v));
-        buf = zor_datatype_buf_get();
-        snprintf(buf, ZOR_DATATYPE_BUF_SIZE, "%ld", (long)v);
-        return buf;
-    }
+    case 1:
+        v = zor_datatype_load<int8_t>(value);
+        break;
+    case 2:
+        v = zor_datatype_load<int16_t>(value);
+        break;
+    case 4:
+        v = zor_datatype_load<int32_t>(value);
+        break;
+    case 8:
+        v = zor_datatype_load<int64_t>(value);
+        break;
     default:
         return zor_datatype_hex_dump(value, info->size);
     }
+    char *buf = zor_datatype_buf_get();
+    snprintf(buf, ZOR_DATATYPE_BUF_SIZE, "%lld", (long long)v);
+    return buf;
 }
 
 const char *zor_datatype_str_uint(const void *value, const zor_datatype_info *info)
 {
-    char *buf;
+    uint64_t v;
     switch (info->size) {
-    case 1: {
-        uint8_t v;
-        memcpy(&v, value, sizeof(v));
-        buf = zor_datatype_buf_get();
-        snprintf(buf, ZOR_DATATYPE_BUF_SIZE, "%u", v);
-        return buf;
-    }
-    case 2: {
-        uint16_t v;
-        memcpy(&v, value, sizeof(v));
-        buf = zor_datatype_buf_get();
-        snprintf(buf, ZOR_DATATYPE_BUF_SIZE, "%u", v);
-        return buf;
-    }
-    case 4: {
-        uint32_t v;
-        memcpy(&v, value, sizeof(v));
-        buf = zor_datatype_buf_get();
-        snprintf(buf, ZOR_DATATYPE_BUF_SIZE, "%u", v);
-        return buf;
-    }
-    case 8: {
-        uint64_t v;
-        memcpy(&v, value, sizeof(v));
-        buf = zor_datatype_buf_get();
-        snprintf(buf, ZOR_DATATYPE_BUF_SIZE, "%lu", (unsigned long)v);
-        return buf;
-    }
+    case 1:
+        v = zor_datatype_load<uint8_t>(value);
+        break;
+    case 2:
+        v = zor_datatype_load<uint16_t>(value);
+        break;
+    case 4:
+        v = zor_datatype_load<uint32_t>(value);
+        break;
+    case 8:
+        v = zor_datatype_load<uint64_t>(value);
+        break;
     default:
         return zor_datatype_hex_dump(value, info->size);
     }
+    char *buf = zor_datatype_buf_get();
+    snprintf(buf, ZOR_DATATYPE_BUF_SIZE, "%llu", (unsigned long long)v);
+    return buf;
+}
+
+/* Stores `value` as a T when T can hold it; 0, nothing stored, when it cannot. */
+template <typename T, typename W> static inline int zor_datatype_store_in_range(W value, void *buff)
+{
+    if (value > (W)std::numeric_limits<T>::max())
+        return 0;
+    if constexpr (std::is_signed<T>::value) {
+        if (value < (W)std::numeric_limits<T>::min())
+            return 0;
+    }
+    T v = (T)value;
+    memcpy(buff, &v, sizeof(v));
+    return 1;
 }
 
 /*
@@ -497,30 +496,14 @@ int zor_datatype_parse_int(const char *text, size_t len, const zor_datatype_info
     /* Two's complement: the negation is done in unsigned arithmetic. */
     int64_t value = (int64_t)(negative ? 0 - magnitude : magnitude);
     switch (info->size) {
-    case 1: {
-        if (value < INT8_MIN || value > INT8_MAX)
-            return 0;
-        int8_t v = (int8_t)value;
-        memcpy(buff, &v, sizeof(v));
-        return 1;
-    }
-    case 2: {
-        if (value < INT16_MIN || value > INT16_MAX)
-            return 0;
-        int16_t v = (int16_t)value;
-        memcpy(buff, &v, sizeof(v));
-        return 1;
-    }
-    case 4: {
-        if (value < INT32_MIN || value > INT32_MAX)
-            return 0;
-        int32_t v = (int32_t)value;
-        memcpy(buff, &v, sizeof(v));
-        return 1;
-    }
+    case 1:
+        return zor_datatype_store_in_range<int8_t>(value, buff);
+    case 2:
+        return zor_datatype_store_in_range<int16_t>(value, buff);
+    case 4:
+        return zor_datatype_store_in_range<int32_t>(value, buff);
     case 8:
-        memcpy(buff, &value, sizeof(value));
-        return 1;
+        return zor_datatype_store_in_range<int64_t>(value, buff);
     default:
         ZOR_ASSERT(0);
         return 0;
@@ -535,30 +518,14 @@ int zor_datatype_parse_uint(const char *text, size_t len, const zor_datatype_inf
     if (len == 0 || !zor_datatype_parse_digits(text, len, &value))
         return 0;
     switch (info->size) {
-    case 1: {
-        if (value > UINT8_MAX)
-            return 0;
-        uint8_t v = (uint8_t)value;
-        memcpy(buff, &v, sizeof(v));
-        return 1;
-    }
-    case 2: {
-        if (value > UINT16_MAX)
-            return 0;
-        uint16_t v = (uint16_t)value;
-        memcpy(buff, &v, sizeof(v));
-        return 1;
-    }
-    case 4: {
-        if (value > UINT32_MAX)
-            return 0;
-        uint32_t v = (uint32_t)value;
-        memcpy(buff, &v, sizeof(v));
-        return 1;
-    }
+    case 1:
+        return zor_datatype_store_in_range<uint8_t>(value, buff);
+    case 2:
+        return zor_datatype_store_in_range<uint16_t>(value, buff);
+    case 4:
+        return zor_datatype_store_in_range<uint32_t>(value, buff);
     case 8:
-        memcpy(buff, &value, sizeof(value));
-        return 1;
+        return zor_datatype_store_in_range<uint64_t>(value, buff);
     default:
         ZOR_ASSERT(0);
         return 0;
