@@ -56,20 +56,16 @@ TEST_F(Buffer, PrintfBlockSizes)
 {
     EXPECT_EQ(zor_printf(&b, "%s", "abc"), 1);
     EXPECT_EQ(block_sizes(b), sizes({1024}));
-    EXPECT_EQ(b.size, 3u);
-    EXPECT_EQ(b.block_count, 1);
-    EXPECT_EQ(memcmp(b.first->data, "abc", 4), 0);
-
-    /* A text that does not fit the room left: the room is tried, then
-     * blocks of D and 2D; the whole text lands in the 2D block. */
+    EXPECT_TRUE(b.size == 3 && b.block_count == 1);
+    /* A text that does not fit the room left: the room is tried, then blocks of D and 2D; the
+     * whole text lands in the 2D block, and the refused attempt left the first terminated. */
     std::string big(1500, 'x');
     EXPECT_EQ(zor_printf(&b, "%s", big.c_str()), 1);
     EXPECT_EQ(block_sizes(b), sizes({1024, 1024, 2048}));
     EXPECT_EQ(chunks(b), texts({"abc", "", big}));
-    EXPECT_EQ(b.first->data[3], 0); /* the refused attempt left it terminated */
+    EXPECT_EQ(memcmp(b.first->data, "abc", 4), 0);
     zor_buffer_free(&b);
-    EXPECT_EQ(b.first, nullptr);
-    EXPECT_EQ(b.block_count, 0);
+    EXPECT_TRUE(b.first == nullptr && b.block_count == 0);
 
     /* D, 2D, 4D on an empty buffer; the first two stay empty. */
     std::string text(3000, 'y');
@@ -77,72 +73,62 @@ TEST_F(Buffer, PrintfBlockSizes)
     EXPECT_EQ(block_sizes(b), sizes({1024, 2048, 4096}));
     EXPECT_EQ(chunks(b), texts({"", "", text}));
     EXPECT_EQ(b.size, 3000u);
+    zor_buffer_free(&b);
+
+    /* Default size 0: each attempt's block is one byte larger than the previous room. */
+    zor_buffer_set_default_size(0);
+    zor_printf(&b, "%s", std::string(40, 'q').c_str());
+    sizes expect;
+    for (uint64_t s = 1; s <= 41; s++)
+        expect.push_back(s);
+    EXPECT_EQ(block_sizes(b), expect);
+    EXPECT_EQ(chunks(b).back(), std::string(40, 'q'));
+    zor_buffer_free(&b);
+
+    /* A wide character the C locale cannot convert: the formatter fails, nothing changes. */
+    zor_buffer_set_default_size(16);
+    zor_printf(&b, "kept");
+    EXPECT_EQ(zor_printf(&b, "x%lsy", L"\x100"), 0);
+    EXPECT_EQ(b.size, 4u);
+    EXPECT_EQ(chunks(b), texts({"kept"}));
 }
 
 TEST_F(Buffer, LastBytesOfRoom)
 {
-    std::string fill(1021, 'f');
+    std::string fill(1021, 'f'), more(1022, 'm'), big(5000, 'w');
     zor_write(&b, fill.data(), fill.size()); /* room 3 */
     zor_putc(&b, 'a');                       /* room 2: fits */
     zor_printf(&b, "%c", 'b');               /* fits, leaving room 1 */
     EXPECT_EQ(block_sizes(b), sizes({1024}));
-    zor_printf(&b, "%d", 7); /* room 1 is only the terminating 0 */
-    std::string more(1022, 'm');
+    zor_printf(&b, "%d", 7);                 /* room 1 is only the terminating 0 */
     zor_write(&b, more.data(), more.size()); /* room 1 again */
     zor_putc(&b, 0x163);                     /* only the low 8 bits */
     zor_putc(&b, 'z');
     EXPECT_EQ(block_sizes(b), sizes({1024, 1024, 1024}));
     EXPECT_EQ(chunks(b), texts({fill + "ab", "7" + more, "cz"}));
-
     /* zor_write sizes its block to the piece when that is larger. */
-    std::string big(5000, 'w');
     zor_write(&b, big.data(), big.size());
     zor_write(&b, nullptr, 0);
     EXPECT_EQ(block_sizes(b).back(), 5001u);
     EXPECT_EQ(b.size, 1023u + 1023 + 2 + 5000);
 }
 
-TEST_F(Buffer, DefaultSizeZeroAndFormatterError)
-{
-    zor_buffer_set_default_size(0);
-    std::string text(40, 'q');
-    EXPECT_EQ(zor_printf(&b, "%s", text.c_str()), 1);
-    /* Each attempt's block is one byte larger than the previous room. */
-    sizes expect;
-    for (uint64_t s = 1; s <= 41; s++)
-        expect.push_back(s);
-    EXPECT_EQ(block_sizes(b), expect);
-    EXPECT_EQ(chunks(b).back(), text);
-    zor_buffer_free(&b);
-
-    zor_buffer_set_default_size(16);
-    zor_printf(&b, "kept");
-    /* A wide character the C locale cannot convert: the formatter fails. */
-    EXPECT_EQ(zor_printf(&b, "x%lsy", L"\x100"), 0);
-    EXPECT_EQ(b.size, 4u);
-    EXPECT_EQ(chunks(b), texts({"kept"}));
-}
-
-TEST_F(Buffer, Consume)
+TEST_F(Buffer, ConsumeAcrossBlocks)
 {
     zor_buffer_set_default_size(8);
-    zor_printf(&b, "abcdef");  /* block 1 */
-    zor_printf(&b, "ghijklm"); /* block 2 */
+    zor_printf(&b, "abcdef");
+    zor_printf(&b, "ghijklm");
     zor_buffer_consume(&b, 2);
     EXPECT_EQ(b.read_offset, 2u);
     EXPECT_EQ(chunks(b), texts({"cdef", "ghijklm"}));
     zor_buffer_consume(&b, 4); /* exactly the first block's bytes: freed */
-    EXPECT_EQ(b.block_count, 1);
-    EXPECT_EQ(b.read_offset, 0u);
+    EXPECT_TRUE(b.block_count == 1 && b.read_offset == 0);
     EXPECT_EQ(chunks(b), texts({"ghijklm"}));
     zor_buffer_consume(&b, 7); /* the only block is kept, empty */
-    EXPECT_EQ(b.block_count, 1);
-    EXPECT_EQ(b.size, 0u);
-    EXPECT_EQ(b.first->size, 0u);
+    EXPECT_TRUE(b.block_count == 1 && b.size == 0 && b.first->size == 0);
     EXPECT_EQ(b.first->data[0], 0);
     zor_printf(&b, "%s", "reuse");
     EXPECT_EQ(b.block_count, 1);
-
     /* Across blocks in one call, ending inside a block. */
     zor_printf(&b, "%s", "0123456");
     zor_printf(&b, "%s", "xyz");
@@ -151,23 +137,22 @@ TEST_F(Buffer, Consume)
     EXPECT_EQ(chunks(b), texts({"yz"}));
     EXPECT_EQ(b.block_count, 1);
     zor_buffer_free(&b);
-
     /* A consume of 0 frees leading blocks with no text. */
     zor_buffer_set_default_size(2);
     zor_printf(&b, "%s", "four");
     EXPECT_EQ(block_sizes(b), sizes({2, 4, 8}));
     zor_buffer_consume(&b, 0);
     EXPECT_EQ(block_sizes(b), sizes({8}));
-    EXPECT_EQ(b.block_count, 1);
-    EXPECT_EQ(b.size, 4u);
+    EXPECT_TRUE(b.block_count == 1 && b.size == 4);
 }
 
-TEST_F(Buffer, Flatten)
+TEST_F(Buffer, FlattenAndIovs)
 {
     zor_str empty = zor_buffer_flatten(&b);
-    EXPECT_EQ(empty.len, 0u);
-    EXPECT_EQ(empty.ptr[0], 0);
+    EXPECT_TRUE(empty.len == 0 && empty.ptr[0] == 0);
     free(const_cast<char *>(empty.ptr));
+    struct iovec v[2] = {};
+    EXPECT_EQ(zor_buffer_iovs(&b, v, 2), 0);
 
     zor_buffer_set_default_size(4);
     zor_printf(&b, "ab");
@@ -175,66 +160,50 @@ TEST_F(Buffer, Flatten)
     zor_printf(&b, "ij");
     zor_buffer_consume(&b, 1);
     zor_str all = zor_buffer_flatten(&b);
-    EXPECT_EQ(std::string(all.ptr, all.len), "bcdefghij");
-    EXPECT_EQ(all.ptr[all.len], 0);
+    EXPECT_EQ(std::string(all.ptr, all.len + 1), std::string("bcdefghij", 10));
     EXPECT_EQ(b.size, 9u); /* unchanged */
     free(const_cast<char *>(all.ptr));
-
-    /* iovs: fewer entries than blocks, and no entry for a count below 1. */
-    struct iovec v[2] = {};
+    /* Fewer entries than blocks, and no entry for a count below 1. */
     EXPECT_EQ(zor_buffer_iovs(&b, v, 1), 1);
     EXPECT_EQ(std::string(static_cast<char *>(v[0].iov_base), v[0].iov_len), "b");
     EXPECT_EQ(v[1].iov_base, nullptr);
     EXPECT_EQ(zor_buffer_iovs(&b, v, 0), 0);
     EXPECT_EQ(zor_buffer_iovs(&b, v, -1), 0);
-    zor_buffer empty_buffer = {};
-    EXPECT_EQ(zor_buffer_iovs(&empty_buffer, v, 2), 0);
 }
 
-TEST_F(Buffer, OutputToPipe)
+TEST_F(Buffer, OutputWritesEveryChunkAndStopsAfterAFailedOne)
 {
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);
-    zor_buffer_set_default_size(4);
-    zor_printf(&b, "hello, ");
-    zor_printf(&b, "%s", "world");
-    zor_buffer_output(&b, fds[1]);
-    EXPECT_EQ(b.size, 0u);
-    EXPECT_EQ(b.block_count, 1);
-    char got[32] = {};
-    EXPECT_EQ(read(fds[0], got, sizeof(got)), 12);
-    EXPECT_STREQ(got, "hello, world");
-    close(fds[0]);
-    close(fds[1]);
-}
-
-TEST_F(Buffer, OutputStopsAfterFailedChunk)
-{
-    /* A non-blocking pipe of one page: the first full page goes through, the
-     * next write fails with EAGAIN. */
+    /* A non-blocking pipe of one page: the first full page goes through, the next write
+     * fails with EAGAIN; only that chunk is lost. */
     int fds[2];
     ASSERT_EQ(pipe2(fds, O_NONBLOCK), 0);
     int cap = fcntl(fds[1], F_SETPIPE_SZ, static_cast<int>(sysconf(_SC_PAGESIZE)));
     ASSERT_GT(cap, 0);
-    std::string first(cap, 'a'), second(100, 'b'), third(cap + 10, 'c');
+    std::string first(cap, 'a'), second(100, 'b'), third(cap + 10, 'c'), got(cap + 1, 0);
     zor_buffer_set_default_size(cap + 1);
     zor_write(&b, first.data(), first.size());
     zor_write(&b, second.data(), second.size());
     zor_write(&b, third.data(), third.size());
     ASSERT_EQ(chunks(b), texts({first, second, third}));
     zor_buffer_output(&b, fds[1]);
-    EXPECT_EQ(chunks(b), texts({third})); /* only the failed chunk is lost */
+    EXPECT_EQ(chunks(b), texts({third}));
     EXPECT_EQ(b.size, third.size());
-    std::string got(cap + 1, 0);
     EXPECT_EQ(read(fds[0], &got[0], got.size()), cap);
     EXPECT_EQ(got.substr(0, cap), first);
-    close(fds[0]);
 
-    /* Same through a closed descriptor: the first chunk is dropped. */
-    close(fds[1]);
+    /* Through a descriptor that is not open: the first chunk is dropped. */
     zor_printf(&b, "more");
-    zor_buffer_output(&b, fds[1]);
+    zor_buffer_output(&b, -1);
     EXPECT_EQ(chunks(b), texts({"more"}));
+
+    /* Everything written: the buffer is left with one empty block. */
+    zor_printf(&b, "%s", ", world");
+    zor_buffer_output(&b, fds[1]);
+    EXPECT_TRUE(b.size == 0 && b.block_count == 1);
+    EXPECT_EQ(read(fds[0], &got[0], got.size()), 11);
+    EXPECT_EQ(got.substr(0, 11), "more, world");
+    close(fds[0]);
+    close(fds[1]);
 }
 
 namespace

@@ -75,40 +75,24 @@ void expect_consistent(zor_hash_table *t, const std::vector<std::unique_ptr<item
 
 } // namespace
 
-TEST(HashTable, EmptyTableAndZeroLengthKey)
+TEST(HashTable, CollidingKeysChainInArrivalOrder)
 {
-    zor_hash_table *t = make_table(4);
-    EXPECT_EQ(t->size, 8u);
-    EXPECT_EQ(t->min_size, 4u);
-    EXPECT_EQ(t->count, 0u);
+    zor_hash_table *t = make_table(4, colliding_hash);
+    EXPECT_TRUE(t->size == 8 && t->min_size == 4 && t->count == 0);
     EXPECT_EQ(t->node_offset, offsetof(item, node));
     EXPECT_EQ(find(t, "k1"), nullptr);
     EXPECT_EQ(zor_hash_table_walk(nullptr, t), nullptr);
     EXPECT_EQ(zor_iter_first(&t->iter), nullptr);
-
-    item empty{0, {}, -1};
-    zor_hash_table_insert(t, &empty);
-    EXPECT_EQ(find(t, ""), &empty);
-    EXPECT_EQ(find(t, "k1"), nullptr);
-    zor_str e = zor_str_init("");
-    EXPECT_EQ(empty.node.hash, real_hash(&e));
-    zor_hash_table_destroy(t);
-}
-
-TEST(HashTable, CollidingKeysChainInArrivalOrder)
-{
-    zor_hash_table *t = make_table(4, colliding_hash);
-    item a{0, {}, 1}, b{0, {}, 2}, c{0, {}, 3};
-    zor_hash_table_insert(t, &a);
-    zor_hash_table_insert(t, &b);
-    zor_hash_table_insert(t, &c);
+    item a{0, {}, 1}, b{0, {}, 2}, c{0, {}, 3}, empty{0, {}, -1};
+    for (item *i : {&a, &b, &c})
+        zor_hash_table_insert(t, i);
     EXPECT_EQ(t->table[3], &a);
-    EXPECT_EQ(a.node.next, &b);
-    EXPECT_EQ(b.node.next, &c);
-    EXPECT_EQ(c.node.next, nullptr);
+    EXPECT_TRUE(a.node.next == &b && b.node.next == &c && c.node.next == nullptr);
+    EXPECT_EQ(b.node.hash, 3u);
     EXPECT_EQ(find(t, "k2"), &b);
     EXPECT_EQ(find(t, "k3"), &c);
     EXPECT_EQ(find(t, "k4"), nullptr);
+    EXPECT_EQ(find(t, ""), nullptr);
 
     /* Removing by identity; a record not in the table changes nothing. */
     item stranger{0, {3, nullptr}, 2};
@@ -116,15 +100,17 @@ TEST(HashTable, CollidingKeysChainInArrivalOrder)
     EXPECT_EQ(t->count, 3u);
     zor_hash_table_remove(t, &b);
     EXPECT_EQ(t->count, 2u);
-    EXPECT_EQ(a.node.next, &c);
-    EXPECT_EQ(b.node.next, nullptr);
+    EXPECT_TRUE(a.node.next == &c && b.node.next == nullptr);
     EXPECT_EQ(find(t, "k2"), nullptr);
     zor_hash_table_remove(t, &a);
     EXPECT_EQ(t->table[3], &c);
     zor_hash_table_remove(t, &a);
     EXPECT_EQ(t->count, 1u);
 
-    /* A duplicate key stops the process. */
+    /* The zero-length key is a key like any other; a duplicate key stops the process. */
+    zor_hash_table_insert(t, &empty);
+    EXPECT_EQ(find(t, ""), &empty);
+    EXPECT_EQ(find(t, "k1"), nullptr);
     item dup{0, {}, 3};
     ZOR_EXPECT_ASSERT(zor_hash_table_insert(t, &dup), "zor_hash_table_insert_internal",
                       "zor_hash_table_compare_keys(key, &last_key) != 0");
@@ -138,36 +124,22 @@ TEST(HashTable, GrowsAtHalfShrinksBelowSixthNeverBelowMinimum)
         items.emplace_back(new item{0, {}, i});
     zor_hash_table *t = make_table(128);
     EXPECT_EQ(t->size, 256u);
-    for (size_t i = 0; i < 128; i++)
-        zor_hash_table_insert(t, items[i].get());
-    EXPECT_EQ(t->size, 256u);
-    zor_hash_table_insert(t, items[128].get());
-    EXPECT_EQ(t->size, 512u);
-    for (size_t i = 129; i < 200; i++)
-        zor_hash_table_insert(t, items[i].get());
-    expect_consistent(t, items, 0, 200);
-
-    /* 512 buckets stay while 85 or more records remain (512 / 6 = 85). */
-    size_t first = 0;
-    while (t->count > 85)
-        zor_hash_table_remove(t, items[first++].get());
-    EXPECT_EQ(t->size, 512u);
-    zor_hash_table_remove(t, items[first++].get());
-    EXPECT_EQ(t->count, 84u);
-    EXPECT_EQ(t->size, 256u);
-    expect_consistent(t, items, first, 200);
-
-    /* 256 / 6 = 42: at 41 it halves to 128, the minimum, and stays there. */
-    while (t->count > 42)
-        zor_hash_table_remove(t, items[first++].get());
-    EXPECT_EQ(t->size, 256u);
-    zor_hash_table_remove(t, items[first++].get());
-    EXPECT_EQ(t->size, 128u);
-    expect_consistent(t, items, first, 200);
-    while (first < 200)
-        zor_hash_table_remove(t, items[first++].get());
-    EXPECT_EQ(t->size, 128u);
-    EXPECT_EQ(t->count, 0u);
+    /* Records held, bucket count: growth past half, shrinking below a sixth (512 / 6 = 85,
+     * 256 / 6 = 42), never below the minimum of 128. Inserted in order, removed oldest first. */
+    const struct {
+        size_t count;
+        uint64_t size;
+    } steps[] = {{128, 256}, {129, 512}, {200, 512}, {85, 512},
+                 {84, 256},  {42, 256},  {41, 128},  {0, 128}};
+    size_t first = 0, end = 0;
+    for (const auto &step : steps) {
+        while (end - first < step.count)
+            zor_hash_table_insert(t, items[end++].get());
+        while (end - first > step.count)
+            zor_hash_table_remove(t, items[first++].get());
+        EXPECT_EQ(t->size, step.size) << step.count;
+        expect_consistent(t, items, first, end);
+    }
     EXPECT_EQ(zor_iter_first(&t->iter), nullptr);
     zor_hash_table_destroy(t);
 }

@@ -16,44 +16,34 @@ struct elem {
 };
 static_assert(offsetof(elem, a) == 16 && offsetof(elem, b) == 32, "test element layout");
 
-std::vector<int> walk(zor_list *list)
+/* Checks the head, the forward and back links and the count, then the walk's values. */
+void expect_list(zor_list *list, const std::vector<int> &values)
 {
-    std::vector<int> out;
+    std::vector<int> seen;
     zor_iter it;
     zor_list_iter_state state;
     elem *e;
     zor_iter_create(&it, zor_list_iterator(&it, &state, list));
     ZOR_ITER_FOREACH (&it, e) {
-        out.push_back(e->value);
+        seen.push_back(e->value);
     }
     zor_iter_free(&it);
-    return out;
-}
-
-/* Checks the head invariants and the back links against a forward walk. */
-void check_links(zor_list *list)
-{
+    EXPECT_EQ(seen, values);
     if (list->first == nullptr) {
         EXPECT_EQ(list->last, nullptr);
         EXPECT_EQ(list->count, 0u);
         return;
     }
     uint32_t n = 1;
-    void *e = list->first;
-    while (e != list->last) {
-        void *next = zor_list_link_of(list, e)->next;
+    for (void *p = list->first; p != list->last; n++) {
+        void *next = zor_list_link_of(list, p)->next;
         ASSERT_NE(next, nullptr);
-        EXPECT_EQ(zor_list_link_of(list, next)->prev, e);
-        e = next;
-        n++;
+        EXPECT_EQ(zor_list_link_of(list, next)->prev, p);
+        p = next;
     }
+    EXPECT_EQ(zor_list_link_of(list, list->first)->prev, nullptr);
     EXPECT_EQ(zor_list_link_of(list, list->last)->next, nullptr);
     EXPECT_EQ(n, list->count);
-}
-
-bool link_is_clear(const zor_list_link &l)
-{
-    return l.next == nullptr && l.prev == nullptr;
 }
 
 } // namespace
@@ -61,50 +51,31 @@ bool link_is_clear(const zor_list_link &l)
 TEST(List, AppendAndRemoveAtEveryPosition)
 {
     elem e[4] = {};
-    for (int i = 0; i < 4; i++)
-        e[i].value = i;
-    zor_list list;
+    zor_list list, other;
     zor_list_init(&list, offsetof(elem, a));
-    EXPECT_TRUE(walk(&list).empty());
-
-    zor_list_append(&list, &e[0]);
-    EXPECT_EQ(list.first, &e[0]);
-    EXPECT_EQ(list.last, &e[0]);
-    EXPECT_EQ(list.count, 1u);
-    EXPECT_EQ(e[0].a.next, nullptr);
-
-    for (int i = 1; i < 4; i++)
+    expect_list(&list, {});
+    for (int i = 0; i < 4; i++) {
+        e[i].value = i;
         zor_list_append(&list, &e[i]);
-    check_links(&list);
-    EXPECT_EQ(walk(&list), (std::vector<int>{0, 1, 2, 3}));
-
+    }
+    expect_list(&list, {0, 1, 2, 3});
     zor_list_remove(&list, &e[0]); /* first */
-    EXPECT_EQ(list.first, &e[1]);
-    EXPECT_TRUE(link_is_clear(e[0].a));
-    check_links(&list);
+    EXPECT_TRUE(e[0].a.next == nullptr && e[0].a.prev == nullptr);
+    expect_list(&list, {1, 2, 3});
     zor_list_remove(&list, &e[3]); /* last */
-    EXPECT_EQ(list.last, &e[2]);
-    EXPECT_EQ(e[2].a.next, nullptr);
-    check_links(&list);
+    expect_list(&list, {1, 2});
     zor_list_append(&list, &e[0]);
     zor_list_remove(&list, &e[2]); /* middle */
-    EXPECT_EQ(e[1].a.next, &e[0]);
-    EXPECT_EQ(e[0].a.prev, &e[1]);
-    check_links(&list);
-    EXPECT_EQ(walk(&list), (std::vector<int>{1, 0}));
-
+    expect_list(&list, {1, 0});
     zor_list_remove(&list, &e[1]);
     zor_list_remove(&list, &e[0]);
-    EXPECT_EQ(list.first, nullptr);
-    EXPECT_EQ(list.last, nullptr);
-    EXPECT_EQ(list.count, 0u);
-    EXPECT_TRUE(link_is_clear(e[0].a));
+    expect_list(&list, {});
+    EXPECT_TRUE(e[0].a.next == nullptr && e[0].a.prev == nullptr);
 
     /* A removed element can go into another list. */
-    zor_list other;
     zor_list_init(&other, offsetof(elem, a));
     zor_list_append(&other, &e[0]);
-    EXPECT_EQ(walk(&other), (std::vector<int>{0}));
+    expect_list(&other, {0});
 }
 
 TEST(List, ElementInTwoLists)
@@ -119,10 +90,8 @@ TEST(List, ElementInTwoLists)
         zor_list_append(&lb, &e[2 - i]);
     }
     zor_list_remove(&la, &e[1]);
-    EXPECT_EQ(walk(&la), (std::vector<int>{0, 2}));
-    EXPECT_EQ(walk(&lb), (std::vector<int>{2, 1, 0}));
-    check_links(&la);
-    check_links(&lb);
+    expect_list(&la, {0, 2});
+    expect_list(&lb, {2, 1, 0});
 }
 
 TEST(List, WalkMayFreeTheElementItHolds)
@@ -147,8 +116,7 @@ TEST(List, WalkMayFreeTheElementItHolds)
     }
     zor_iter_free(&it);
     EXPECT_EQ(seen, (std::vector<int>{0, 1, 2, 3, 4}));
-    EXPECT_EQ(list.count, 0u);
-    EXPECT_EQ(list.first, nullptr);
+    expect_list(&list, {});
 }
 
 TEST(List, BrokenHeadsStop)
@@ -158,11 +126,8 @@ TEST(List, BrokenHeadsStop)
     zor_list_init(&list, offsetof(elem, a));
     list.last = &e; /* no first, but a last */
     ZOR_EXPECT_ASSERT(zor_list_append(&list, &e), "zor_list_append", "list->last == ((void *)0)");
-
-    zor_list_init(&list, offsetof(elem, a));
-    list.first = list.last = &e; /* count says empty */
+    list.first = &e; /* count says empty */
     ZOR_EXPECT_ASSERT(zor_list_remove(&list, &e), "zor_list_remove", "list->count > 0");
-
     zor_iter it;
     zor_list_iter_state state;
     ZOR_EXPECT_ASSERT(zor_list_iterator(&it, &state, nullptr), "zor_list_iterator",

@@ -22,35 +22,15 @@ std::vector<int> entries_of(zor_partition_bucket *b)
     return out;
 }
 
-std::vector<uint32_t> array_sizes(const zor_partition *p)
-{
-    std::vector<uint32_t> sizes; /* newest first */
-    for (zor_partition_elems *e = p->elems; e != nullptr; e = e->next)
-        sizes.push_back(e->size);
-    return sizes;
-}
-
-bool is_zero(const zor_partition_bucket &b)
-{
-    zor_partition_bucket zero;
-    memset(&zero, 0, sizeof(zero));
-    return memcmp(&b, &zero, sizeof(b)) == 0;
-}
-
-/* What the process callback saw, in call order. */
-struct seen_call {
-    std::string data;
-    uint32_t count;
-    std::vector<int> entries;
-};
-std::vector<seen_call> seen;
+/* What the process callback saw, one "data count: entries" text per call. */
+std::vector<std::string> seen;
 
 void record_call(uint32_t count, zor_iter *iter, void *data)
 {
-    seen_call call{static_cast<const char *>(data), count, {}};
+    std::string call = static_cast<const char *>(data) + (" " + std::to_string(count)) + ":";
     int *entry;
     ZOR_ITER_FOREACH (iter, entry) {
-        call.entries.push_back(*entry);
+        call += " " + std::to_string(*entry);
     }
     seen.push_back(call);
 }
@@ -59,48 +39,35 @@ void record_call(uint32_t count, zor_iter *iter, void *data)
 
 TEST(Partition, SlotArraysGrowByDoubling)
 {
-    int values[300];
-    for (int i = 0; i < 300; i++)
+    int values[131];
+    for (int i = 0; i < 131; i++)
         values[i] = i;
-
-    zor_partition p;
-    zor_partition_create(&p, 2);
-    EXPECT_EQ(p.next_size, 128u);
-    EXPECT_EQ(array_sizes(&p), (std::vector<uint32_t>{2}));
-    zor_partition_bucket b;
-    zor_partition_bucket_add(&p, &b, nullptr);
-    zor_partition_entry_add(&b, &values[0]);
-    zor_partition_entry_add(&b, &values[1]);
-    EXPECT_EQ(p.next_size, 128u);
-    zor_partition_entry_add(&b, &values[2]); /* third entry: a 128-slot array */
-    EXPECT_EQ(array_sizes(&p), (std::vector<uint32_t>{128, 2}));
-    EXPECT_EQ(p.next_size, 256u);
-    for (int i = 3; i < 130; i++)
-        zor_partition_entry_add(&b, &values[i]);
-    EXPECT_EQ(array_sizes(&p), (std::vector<uint32_t>{128, 2}));
-    zor_partition_entry_add(&b, &values[130]); /* 2 + 128 slots used up */
-    EXPECT_EQ(array_sizes(&p), (std::vector<uint32_t>{256, 128, 2}));
-    EXPECT_EQ(p.next_size, 512u);
-    EXPECT_EQ(p.elems->count, 1u);
-
-    EXPECT_EQ(b.count, 131u);
-    std::vector<int> expect(values, values + 131);
-    EXPECT_EQ(entries_of(&b), expect); /* in order across three arrays */
-    zor_partition_destroy(&p);
-}
-
-TEST(Partition, CreateWithNoSlots)
-{
-    int v = 1;
-    zor_partition p;
-    zor_partition_create(&p, 0);
-    zor_partition_bucket b;
-    zor_partition_bucket_add(&p, &b, nullptr);
-    zor_partition_entry_add(&b, &v);
-    EXPECT_EQ(array_sizes(&p), (std::vector<uint32_t>{128, 0}));
-    EXPECT_EQ(p.next_size, 256u);
-    EXPECT_EQ(entries_of(&b), (std::vector<int>{1}));
-    zor_partition_destroy(&p);
+    /* Initial slots, entries added: array sizes (newest first) and the next array's size. */
+    const struct {
+        uint32_t initial;
+        int entries;
+        std::vector<uint32_t> sizes;
+        uint32_t next_size;
+    } cases[] = {
+        {2, 2, {2}, 128},          {2, 3, {128, 2}, 256},         {2, 130, {128, 2}, 256},
+        {2, 131, {256, 128, 2}, 512}, {0, 0, {0}, 128},           {0, 1, {128, 0}, 256},
+    };
+    for (const auto &c : cases) {
+        zor_partition p;
+        zor_partition_create(&p, c.initial);
+        zor_partition_bucket b;
+        zor_partition_bucket_add(&p, &b, nullptr);
+        for (int i = 0; i < c.entries; i++)
+            zor_partition_entry_add(&b, &values[i]);
+        std::vector<uint32_t> sizes;
+        for (zor_partition_elems *e = p.elems; e != nullptr; e = e->next)
+            sizes.push_back(e->size);
+        EXPECT_EQ(sizes, c.sizes) << c.initial << "/" << c.entries;
+        EXPECT_EQ(p.next_size, c.next_size) << c.initial << "/" << c.entries;
+        EXPECT_EQ(b.count, static_cast<uint32_t>(c.entries));
+        EXPECT_EQ(entries_of(&b), std::vector<int>(values, values + c.entries));
+        zor_partition_destroy(&p);
+    }
 }
 
 TEST(Partition, InterleavedBucketsAndProcessOrder)
@@ -108,48 +75,38 @@ TEST(Partition, InterleavedBucketsAndProcessOrder)
     int values[6] = {0, 1, 2, 3, 4, 5};
     zor_partition p;
     zor_partition_create(&p, 4);
-    zor_partition_bucket b1, b2, b3;
-    zor_partition_bucket_add(&p, &b1, const_cast<char *>("first"));
-    zor_partition_bucket_add(&p, &b2, const_cast<char *>("second"));
-    zor_partition_bucket_add(&p, &b3, const_cast<char *>("third"));
+    zor_partition_bucket b[3];
+    const char *names[] = {"first", "second", "third"};
+    for (int k = 0; k < 3; k++)
+        zor_partition_bucket_add(&p, &b[k], const_cast<char *>(names[k]));
     EXPECT_EQ(p.bucket_count, 3u);
     for (int i = 0; i < 6; i++)
-        zor_partition_entry_add(i % 2 ? &b2 : &b1, &values[i]);
-    EXPECT_EQ(entries_of(&b1), (std::vector<int>{0, 2, 4}));
-    EXPECT_EQ(entries_of(&b2), (std::vector<int>{1, 3, 5}));
-    EXPECT_TRUE(entries_of(&b3).empty());
+        zor_partition_entry_add(&b[i % 2], &values[i]);
+    EXPECT_EQ(entries_of(&b[0]), (std::vector<int>{0, 2, 4}));
 
-    /* Buckets come newest first; an empty bucket gets count 0. */
-    seen.clear();
-    zor_partition_process(&p, record_call);
-    ASSERT_EQ(seen.size(), 3u);
-    EXPECT_EQ(seen[0].data, "third");
-    EXPECT_EQ(seen[0].count, 0u);
-    EXPECT_TRUE(seen[0].entries.empty());
-    EXPECT_EQ(seen[1].data, "second");
-    EXPECT_EQ(seen[1].count, 3u);
-    EXPECT_EQ(seen[1].entries, (std::vector<int>{1, 3, 5}));
-    EXPECT_EQ(seen[2].data, "first");
-    EXPECT_EQ(seen[2].entries, (std::vector<int>{0, 2, 4}));
-
-    /* Walking changes nothing: a second walk sees the same. */
-    seen.clear();
-    zor_partition_process(&p, record_call);
-    EXPECT_EQ(seen.size(), 3u);
+    /* Buckets come newest first, an empty one with count 0; walking changes nothing. */
+    for (int pass = 0; pass < 2; pass++) {
+        seen.clear();
+        zor_partition_process(&p, record_call);
+        EXPECT_EQ(seen, (std::vector<std::string>{"third 0:", "second 3: 1 3 5",
+                                                  "first 3: 0 2 4"}));
+    }
 
     zor_partition_destroy(&p);
     EXPECT_EQ(p.elems, nullptr);
     EXPECT_EQ(p.buckets, nullptr);
-    EXPECT_TRUE(is_zero(b1));
-    EXPECT_TRUE(is_zero(b2));
-    EXPECT_TRUE(is_zero(b3));
+    zor_partition_bucket zero;
+    memset(&zero, 0, sizeof(zero));
+    for (const zor_partition_bucket &bucket : b)
+        EXPECT_EQ(memcmp(&bucket, &zero, sizeof(zero)), 0);
 
     /* After a reset the partition takes new buckets and entries. */
     zor_partition_reset(&p);
-    EXPECT_EQ(array_sizes(&p), (std::vector<uint32_t>{128}));
-    zor_partition_bucket_add(&p, &b1, const_cast<char *>("again"));
-    zor_partition_entry_add(&b1, &values[5]);
-    EXPECT_EQ(entries_of(&b1), (std::vector<int>{5}));
+    EXPECT_EQ(p.elems->size, 128u);
+    EXPECT_EQ(p.elems->next, nullptr);
+    zor_partition_bucket_add(&p, &b[0], nullptr);
+    zor_partition_entry_add(&b[0], &values[5]);
+    EXPECT_EQ(entries_of(&b[0]), (std::vector<int>{5}));
     zor_partition_destroy(&p);
 }
 
@@ -175,7 +132,7 @@ void add_bucket_while_processing(uint32_t count, zor_iter *iter, void *)
 
 } // namespace
 
-TEST(Partition, BucketsAddedDuringProcessingAreNotVisited)
+TEST(Partition, LateBucketsAreNotVisitedAndExhaustedArraysStop)
 {
     int v = 0;
     zor_partition p;
@@ -190,17 +147,11 @@ TEST(Partition, BucketsAddedDuringProcessingAreNotVisited)
     EXPECT_EQ(walks_seen, 2);
     EXPECT_EQ(p.buckets, &late_bucket);
     zor_partition_destroy(&p);
-}
 
-TEST(Partition, ExhaustedArrayStops)
-{
-    int v = 0;
-    zor_partition p;
     zor_partition_create(&p, 0);
     p.next_size = 0; /* growth would add an array with no slot */
-    zor_partition_bucket b;
-    zor_partition_bucket_add(&p, &b, nullptr);
-    ZOR_EXPECT_ASSERT(zor_partition_entry_add(&b, &v), "zor_partition_elem_get",
+    zor_partition_bucket_add(&p, &b1, nullptr);
+    ZOR_EXPECT_ASSERT(zor_partition_entry_add(&b1, &v), "zor_partition_elem_get",
                       "elems->count < elems->size");
     zor_partition_destroy(&p);
 }
