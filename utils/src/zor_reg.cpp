@@ -280,7 +280,8 @@ static inline void zor_reg_snapshot_mark(zor_reg_ds *ds, zor_reg_entry *entry)
  * first overwrite.
  */
 static inline void zor_reg_field_value_update(zor_reg_entry *entry, zor_reg_field_info *field,
-                                              const void *value, int is_set)
+                                              const void *value, int is_set,
+                                              uint32_t snapshot_active)
 {
     const zor_datatype_info *type = field->type;
     if (type->write == nullptr)
@@ -292,8 +293,8 @@ static inline void zor_reg_field_value_update(zor_reg_entry *entry, zor_reg_fiel
             type->write(stored, nullptr, type);
         return;
     }
-    if (entry->ds_rec->ds->snapshot_active &&
-        !(type->properties & ZOR_DATATYPE_PROP_RESET_ON_UNSET) && !entry->snapshot_created &&
+    if (snapshot_active && !(type->properties & ZOR_DATATYPE_PROP_RESET_ON_UNSET) &&
+        !entry->snapshot_created &&
         zor_reg_bit_get(zor_reg_entry_snapshot_bits(entry, rec_info), field->id)) {
         if (entry->backup == nullptr)
             entry->backup = util_calloc(rec_info->backup_size);
@@ -336,8 +337,13 @@ __attribute__((flatten)) void zor_reg_field_set(void *rec, zor_reg_field_info *f
     }
 
     zor_reg_field_notifiers_call(&entry->ds_rec->fields[id], rec, field, is_set, value);
-    zor_reg_snapshot_mark(entry->ds_rec->ds, entry);
-    zor_reg_field_value_update(entry, field, value, is_set);
+    zor_reg_ds *ds = entry->ds_rec->ds;
+    if (__builtin_expect(ds->snapshot_active != 0, 0)) {
+        zor_reg_snapshot_mark(ds, entry);
+        zor_reg_field_value_update(entry, field, value, is_set, 1);
+    } else {
+        zor_reg_field_value_update(entry, field, value, is_set, 0);
+    }
     zor_reg_entry_changed(field, entry);
     if (was_set != is_set)
         zor_reg_set_bit_put(entry, rec_info, id, is_set);

@@ -548,14 +548,31 @@ static void zor_reg_process_pass(zor_reg_level *level, uint32_t iterations)
 {
     zor_partition *p = &level->parts[level->active];
 
-    /* Nothing in p is queued any more: a change from here on queues again. */
-    for (zor_partition_bucket *b = p->buckets; b != nullptr; b = b->next) {
-        zor_reg_rec_update *reg = static_cast<zor_reg_rec_update *>(b->data);
+    /*
+     * Nothing in p is queued any more: a change from here on queues again.
+     * With one bucket in p, every slot handed out by p's arrays is one of
+     * its entries, so the arrays are walked in place instead of following
+     * the bucket's chain slot by slot (the order of clearing is free).
+     */
+    if (p->bucket_count == 1) {
+        zor_reg_rec_update *reg = static_cast<zor_reg_rec_update *>(p->buckets->data);
         uint64_t queued_offset = reg->ds_rec->rec_info->reg_bitfield_offset;
         uint32_t id = reg->id;
-        for (zor_partition_elem *slot = b->first; slot != nullptr; slot = slot->next)
-            zor_reg_bit_clear(reinterpret_cast<uint8_t *>(slot->entry) + queued_offset, id);
+        for (zor_partition_elems *elems = p->elems; elems != nullptr; elems = elems->next) {
+            zor_partition_elem *slots = elems->slots;
+            for (uint32_t i = 0, n = elems->count; i < n; i++)
+                zor_reg_bit_clear(static_cast<uint8_t *>(slots[i].entry) + queued_offset, id);
+        }
         reg->in_partition = 0;
+    } else {
+        for (zor_partition_bucket *b = p->buckets; b != nullptr; b = b->next) {
+            zor_reg_rec_update *reg = static_cast<zor_reg_rec_update *>(b->data);
+            uint64_t queued_offset = reg->ds_rec->rec_info->reg_bitfield_offset;
+            uint32_t id = reg->id;
+            for (zor_partition_elem *slot = b->first; slot != nullptr; slot = slot->next)
+                zor_reg_bit_clear(reinterpret_cast<uint8_t *>(slot->entry) + queued_offset, id);
+            reg->in_partition = 0;
+        }
     }
     level->active ^= 1;
 
