@@ -83,28 +83,6 @@ __attribute__((noinline)) jsmn_token *jsmn_tokens_grow(jsmn_tokenizer *t)
     return grown;
 }
 
-/* Takes the next token, growing the array when it is full; zeroed, with
- * start and parent -1. */
-inline jsmn_token *jsmn_token_alloc(jsmn_tokenizer *t, jsmn_token *&tokens, uint32_t &next)
-{
-    if (next >= t->token_capacity)
-        tokens = jsmn_tokens_grow(t);
-    jsmn_token *tok = &tokens[next++];
-    memset(tok, 0, sizeof(*tok));
-    tok->start = -1;
-    tok->parent = -1;
-    return tok;
-}
-
-inline void jsmn_token_fill(jsmn_token *tok, jsmn_tok_type type, const char *text, uint64_t start,
-                            uint64_t end)
-{
-    tok->type = type;
-    tok->str = jsmn_text(text + start, end - start);
-    tok->start = static_cast<int32_t>(start);
-    tok->size = 0;
-}
-
 /*
  * Skipping runs of ordinary bytes 16 at a time. Each returns the offset of
  * the first byte at or after `i` that a scanner must look at: for a string
@@ -233,14 +211,47 @@ void jsmn_destroy(jsmn_tokenizer *t)
     t->tokens = nullptr;
 }
 
+/* Stores a whole token in one sequence (padding included, as a zeroed
+ * token would have it). */
+static inline void jsmn_token_put(jsmn_token *tok, jsmn_tok_type type, const char *ptr,
+                                  uint64_t len, int32_t start, int32_t parent, int32_t skip)
+{
+    tok->type = type;
+    memset(reinterpret_cast<char *>(tok) + sizeof(tok->type), 0,
+           offsetof(jsmn_token, str) - sizeof(tok->type));
+    tok->str.ptr = ptr;
+    tok->str.len = len;
+    tok->start = start;
+    tok->size = 0;
+    tok->parent = parent;
+    tok->skip = skip;
+}
+
+/*
+ * A closing bracket with no container open: the last token's top-level
+ * ancestor decides between an ignored bracket and an error.
+ */
+static __attribute__((noinline)) bool jsmn_stray_close_ok(const jsmn_token *tokens, uint32_t next,
+                                                          int32_t super, jsmn_tok_type want)
+{
+    const jsmn_token *tok = &tokens[next - 1];
+    while (tok->parent != -1)
+        tok = &tokens[tok->parent];
+    return tok->type == want && super != -1;
+}
+
 int32_t jsmn_parse(jsmn_tokenizer *t, const char *text, uint64_t len)
 {
     t->text = text;
     t->text_len = len;
     jsmn_token *tokens = t->tokens;
+    uint32_t capacity = t->token_capacity;
     uint32_t next = 0;
     int32_t super = -1;
-    uint32_t open = 0; /* containers opened and not yet closed */
+    /* The innermost open container, -1 when none is open. Every open
+     * container lies on the parent chain of the last token taken, so a
+     * closing bracket always closes this one. */
+    int32_t cur = -1;
     uint64_t pos = 0;
     int32_t result;
 
@@ -256,49 +267,42 @@ int32_t jsmn_parse(jsmn_tokenizer *t, const char *text, uint64_t len)
             break;
         case '{':
         case '[': {
-            jsmn_token *tok = jsmn_token_alloc(t, tokens, next);
-            if (super != -1) {
-                tokens[super].size++;
-                tok->parent = super;
+            if (__builtin_expect(next >= capacity, 0)) {
+                tokens = jsmn_tokens_grow(t);
+                capacity = t->token_capacity;
             }
-            tok->type = c == '{' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY;
-            tok->start = static_cast<int32_t>(pos);
-            super = static_cast<int32_t>(next - 1);
-            open++;
+            if (super != -1)
+                tokens[super].size++;
+            jsmn_token_put(&tokens[next], c == '{' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY, nullptr, 0,
+                           static_cast<int32_t>(pos), super, 0);
+            super = cur = static_cast<int32_t>(next);
+            next++;
             break;
         }
         case '}':
         case ']': {
             const jsmn_tok_type want = c == '}' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY;
-            if (next == 0) {
+            if (__builtin_expect(cur == -1, 0)) {
+                if (next == 0 || !jsmn_stray_close_ok(tokens, next, super, want)) {
+                    result = JSMN_ERR_INVALID;
+                    goto fail;
+                }
+                break;
+            }
+            jsmn_token *tok = &tokens[cur];
+            if (tok->type != want) {
                 result = JSMN_ERR_INVALID;
                 goto fail;
             }
-            /* Up the parent links from the last token to the innermost open
-             * container. */
-            jsmn_token *tok = &tokens[next - 1];
-            for (;;) {
-                if (tok->str.ptr == nullptr) {
-                    if (tok->type != want) {
-                        result = JSMN_ERR_INVALID;
-                        goto fail;
-                    }
-                    tok->str = jsmn_text(text + tok->start, pos - uint64_t(tok->start) + 1);
-                    tok->skip = static_cast<int32_t>(next);
-                    super = tok->parent;
-                    open--;
-                    break;
-                }
-                if (tok->parent == -1) {
-                    /* Nothing open: a stray bracket after a complete value. */
-                    if (tok->type != want || super == -1) {
-                        result = JSMN_ERR_INVALID;
-                        goto fail;
-                    }
-                    break;
-                }
-                tok = &tokens[tok->parent];
-            }
+            tok->str = jsmn_text(text + tok->start, pos - uint64_t(tok->start) + 1);
+            tok->skip = static_cast<int32_t>(next);
+            super = tok->parent;
+            /* The next open container up the chain (usually the parent's
+             * parent, past a key). */
+            int32_t up = super;
+            while (up != -1 && tokens[up].str.ptr != nullptr)
+                up = tokens[up].parent;
+            cur = up;
             break;
         }
         case '"': {
@@ -306,12 +310,15 @@ int32_t jsmn_parse(jsmn_tokenizer *t, const char *text, uint64_t len)
             result = jsmn_scan_string(text, len, i);
             if (result != 0)
                 goto fail; /* pos stays on the opening quote */
-            jsmn_token *tok = jsmn_token_alloc(t, tokens, next);
-            jsmn_token_fill(tok, JSMN_TOK_STRING, text, pos + 1, i);
-            tok->parent = super;
-            tok->skip = static_cast<int32_t>(next);
+            if (__builtin_expect(next >= capacity, 0)) {
+                tokens = jsmn_tokens_grow(t);
+                capacity = t->token_capacity;
+            }
             if (super != -1)
                 tokens[super].size++;
+            jsmn_token_put(&tokens[next], JSMN_TOK_STRING, text + pos + 1, i - pos - 1,
+                           static_cast<int32_t>(pos + 1), super, static_cast<int32_t>(next + 1));
+            next++;
             pos = i;
             break;
         }
@@ -332,23 +339,25 @@ int32_t jsmn_parse(jsmn_tokenizer *t, const char *text, uint64_t len)
                     continue;
                 if (cls == PRIM_END)
                     break;
-                pos = s;
                 result = JSMN_ERR_INVALID;
                 goto fail;
             }
-            jsmn_token *tok = jsmn_token_alloc(t, tokens, next);
-            jsmn_token_fill(tok, JSMN_TOK_PRIMITIVE, text, s, i);
-            tok->parent = super;
-            tok->skip = static_cast<int32_t>(next);
+            if (__builtin_expect(next >= capacity, 0)) {
+                tokens = jsmn_tokens_grow(t);
+                capacity = t->token_capacity;
+            }
             if (super != -1)
                 tokens[super].size++;
+            jsmn_token_put(&tokens[next], JSMN_TOK_PRIMITIVE, text + s, i - s,
+                           static_cast<int32_t>(s), super, static_cast<int32_t>(next + 1));
+            next++;
             pos = i - 1;
             break;
         }
         }
     }
 done:
-    result = open != 0 ? JSMN_ERR_PARTIAL : static_cast<int32_t>(next);
+    result = cur != -1 ? JSMN_ERR_PARTIAL : static_cast<int32_t>(next);
 fail:
     t->pos = static_cast<uint32_t>(pos);
     t->next_token = next;
