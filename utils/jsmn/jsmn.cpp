@@ -92,22 +92,6 @@ __attribute__((noinline)) jsmn_token *jsmn_tokens_grow(jsmn_tokenizer *t)
  * rest.
  */
 #ifdef __SSE2__
-inline uint64_t jsmn_skip_string_bytes(const char *text, uint64_t len, uint64_t i)
-{
-    const __m128i quote = _mm_set1_epi8('"'), escape = _mm_set1_epi8('\\');
-    const __m128i zero = _mm_setzero_si128();
-    for (; i + 16 <= len; i += 16) {
-        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(text + i));
-        __m128i hit =
-            _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, quote), _mm_cmpeq_epi8(v, escape)),
-                         _mm_cmpeq_epi8(v, zero));
-        unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(hit));
-        if (mask != 0)
-            return i + static_cast<unsigned>(__builtin_ctz(mask));
-    }
-    return i;
-}
-
 inline uint64_t jsmn_skip_primitive_bytes(const char *text, uint64_t len, uint64_t i)
 {
     const __m128i space = _mm_set1_epi8(32), del = _mm_set1_epi8(127);
@@ -128,10 +112,6 @@ inline uint64_t jsmn_skip_primitive_bytes(const char *text, uint64_t len, uint64
     return i;
 }
 #else
-inline uint64_t jsmn_skip_string_bytes(const char *, uint64_t, uint64_t i)
-{
-    return i;
-}
 inline uint64_t jsmn_skip_primitive_bytes(const char *, uint64_t, uint64_t i)
 {
     return i;
@@ -146,15 +126,39 @@ inline uint64_t jsmn_skip_primitive_bytes(const char *, uint64_t, uint64_t i)
 inline int32_t jsmn_scan_string(const char *text, uint64_t len, uint64_t &i)
 {
     for (;;) {
-        i = jsmn_skip_string_bytes(text, len, i);
-        while (i < len && tables.str[static_cast<unsigned char>(text[i])] == STR_PART)
-            i++;
-        if (i >= len)
-            return JSMN_ERR_PARTIAL;
-        uint8_t cls = tables.str[static_cast<unsigned char>(text[i])];
-        if (cls == STR_QUOTE)
-            return 0;
-        if (cls == STR_NUL)
+        bool stop = false; /* text[i] is a quote, backslash or NUL */
+#ifdef __SSE2__
+        const __m128i quote = _mm_set1_epi8('"'), escape = _mm_set1_epi8('\\');
+        const __m128i zero = _mm_setzero_si128();
+        while (i + 16 <= len) {
+            __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(text + i));
+            unsigned q = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, quote)));
+            unsigned e = static_cast<unsigned>(_mm_movemask_epi8(
+                _mm_or_si128(_mm_cmpeq_epi8(v, escape), _mm_cmpeq_epi8(v, zero))));
+            unsigned any = q | e;
+            if (any != 0) {
+                i += static_cast<unsigned>(__builtin_ctz(any));
+                /* The usual end: the first stop is the closing quote. */
+                if ((any & (0u - any) & q) != 0)
+                    return 0;
+                stop = true;
+                break;
+            }
+            i += 16;
+        }
+#endif
+        if (!stop) {
+            for (;; i++) {
+                if (i >= len)
+                    return JSMN_ERR_PARTIAL;
+                uint8_t cls = tables.str[static_cast<unsigned char>(text[i])];
+                if (cls == STR_QUOTE)
+                    return 0;
+                if (cls != STR_PART)
+                    break;
+            }
+        }
+        if (text[i] == '\0')
             return JSMN_ERR_PARTIAL;
         /* A backslash. As the last byte it is part of a string that is cut. */
         if (i + 1 >= len)
@@ -250,7 +254,9 @@ int32_t jsmn_parse(jsmn_tokenizer *t, const char *text, uint64_t len)
     int32_t super = -1;
     /* The innermost open container, -1 when none is open. Every open
      * container lies on the parent chain of the last token taken, so a
-     * closing bracket always closes this one. */
+     * closing bracket always closes this one. While a container is open its
+     * skip field links to the next open container out; the final value
+     * (the open containers' 0) is restored on every error way out. */
     int32_t cur = -1;
     uint64_t pos = 0;
     int32_t result;
@@ -274,7 +280,7 @@ int32_t jsmn_parse(jsmn_tokenizer *t, const char *text, uint64_t len)
             if (super != -1)
                 tokens[super].size++;
             jsmn_token_put(&tokens[next], c == '{' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY, nullptr, 0,
-                           static_cast<int32_t>(pos), super, 0);
+                           static_cast<int32_t>(pos), super, cur);
             super = cur = static_cast<int32_t>(next);
             next++;
             break;
@@ -290,25 +296,20 @@ int32_t jsmn_parse(jsmn_tokenizer *t, const char *text, uint64_t len)
                 break;
             }
             jsmn_token *tok = &tokens[cur];
-            if (tok->type != want) {
+            if (__builtin_expect(tok->type != want, 0)) {
                 result = JSMN_ERR_INVALID;
                 goto fail;
             }
             tok->str = jsmn_text(text + tok->start, pos - uint64_t(tok->start) + 1);
+            cur = tok->skip;
             tok->skip = static_cast<int32_t>(next);
             super = tok->parent;
-            /* The next open container up the chain (usually the parent's
-             * parent, past a key). */
-            int32_t up = super;
-            while (up != -1 && tokens[up].str.ptr != nullptr)
-                up = tokens[up].parent;
-            cur = up;
             break;
         }
         case '"': {
             uint64_t i = pos + 1;
             result = jsmn_scan_string(text, len, i);
-            if (result != 0)
+            if (__builtin_expect(result != 0, 0))
                 goto fail; /* pos stays on the opening quote */
             if (__builtin_expect(next >= capacity, 0)) {
                 tokens = jsmn_tokens_grow(t);
@@ -324,11 +325,19 @@ int32_t jsmn_parse(jsmn_tokenizer *t, const char *text, uint64_t len)
         }
         case ':':
             super = static_cast<int32_t>(next) - 1;
+            /* Usually a space follows; step over it here. */
+            if (pos + 1 < len && text[pos + 1] == ' ')
+                pos++;
             break;
         case ',':
-            if (super != -1 && tokens[super].type != JSMN_TOK_OBJECT &&
-                tokens[super].type != JSMN_TOK_ARRAY)
-                super = tokens[super].parent;
+            if (super != -1) {
+                /* Past a member value: from its key back to the object. */
+                const jsmn_token *s = &tokens[super];
+                const bool container = s->type == JSMN_TOK_OBJECT || s->type == JSMN_TOK_ARRAY;
+                super = container ? super : s->parent;
+            }
+            if (pos + 1 < len && text[pos + 1] == ' ')
+                pos++;
             break;
         default: {
             const uint64_t s = pos;
@@ -357,8 +366,19 @@ int32_t jsmn_parse(jsmn_tokenizer *t, const char *text, uint64_t len)
         }
     }
 done:
-    result = cur != -1 ? JSMN_ERR_PARTIAL : static_cast<int32_t>(next);
+    if (__builtin_expect(cur == -1, 1)) {
+        result = static_cast<int32_t>(next);
+        goto out;
+    }
+    result = JSMN_ERR_PARTIAL;
 fail:
+    /* Open containers show a skip of 0. */
+    while (cur != -1) {
+        jsmn_token *tok = &tokens[cur];
+        cur = tok->skip;
+        tok->skip = 0;
+    }
+out:
     t->pos = static_cast<uint32_t>(pos);
     t->next_token = next;
     t->super_token = super;
