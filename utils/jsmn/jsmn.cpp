@@ -44,7 +44,8 @@ struct jsmn_tables {
     uint8_t prim[256];
     uint8_t str[256];
     uint8_t hex[256];
-    constexpr jsmn_tables() : prim(), str(), hex()
+    uint8_t bare[256]; /* 1 where a byte between tokens starts a primitive */
+    constexpr jsmn_tables() : prim(), str(), hex(), bare()
     {
         for (int c = 0; c < 256; c++) {
             prim[c] = (c < 32 || c > 126) ? PRIM_BAD : PRIM_PART;
@@ -58,6 +59,11 @@ struct jsmn_tables {
         str[static_cast<uint8_t>('"')] = STR_QUOTE;
         str[static_cast<uint8_t>('\\')] = STR_ESCAPE;
         str[0] = STR_NUL;
+        for (int c = 0; c < 256; c++)
+            bare[c] = 1;
+        const char structure[] = {'\0', '\t', '\n', '\r', ' ', '{', '[', '}', ']', '"', ':', ','};
+        for (char c : structure)
+            bare[static_cast<uint8_t>(c)] = 0;
     }
 };
 constexpr jsmn_tables tables;
@@ -259,112 +265,164 @@ int32_t jsmn_parse(jsmn_tokenizer *t, const char *text, uint64_t len)
      * (the open containers' 0) is restored on every error way out. */
     int32_t cur = -1;
     uint64_t pos = 0;
+    uint64_t i;
+    unsigned char c;
+    jsmn_token *tok;
     int32_t result;
 
-    for (; pos < len; pos++) {
-        const unsigned char c = static_cast<unsigned char>(text[pos]);
-        switch (c) {
-        case '\0':
-            goto done;
-        case '\t':
-        case '\n':
-        case '\r':
-        case ' ':
-            break;
-        case '{':
-        case '[': {
-            if (__builtin_expect(next >= capacity, 0)) {
-                tokens = jsmn_tokens_grow(t);
-                capacity = t->token_capacity;
-            }
-            if (super != -1)
-                tokens[super].size++;
-            jsmn_token_put(&tokens[next], c == '{' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY, nullptr, 0,
-                           static_cast<int32_t>(pos), super, cur);
-            super = cur = static_cast<int32_t>(next);
-            next++;
-            break;
-        }
-        case '}':
-        case ']': {
-            const jsmn_tok_type want = c == '}' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY;
-            if (__builtin_expect(cur == -1, 0)) {
-                if (next == 0 || !jsmn_stray_close_ok(tokens, next, super, want)) {
-                    result = JSMN_ERR_INVALID;
-                    goto fail;
-                }
-                break;
-            }
-            jsmn_token *tok = &tokens[cur];
-            if (__builtin_expect(tok->type != want, 0)) {
-                result = JSMN_ERR_INVALID;
-                goto fail;
-            }
-            tok->str = jsmn_text(text + tok->start, pos - uint64_t(tok->start) + 1);
-            cur = tok->skip;
-            tok->skip = static_cast<int32_t>(next);
-            super = tok->parent;
-            break;
-        }
-        case '"': {
-            uint64_t i = pos + 1;
-            result = jsmn_scan_string(text, len, i);
-            if (__builtin_expect(result != 0, 0))
-                goto fail; /* pos stays on the opening quote */
-            if (__builtin_expect(next >= capacity, 0)) {
-                tokens = jsmn_tokens_grow(t);
-                capacity = t->token_capacity;
-            }
-            if (super != -1)
-                tokens[super].size++;
-            jsmn_token_put(&tokens[next], JSMN_TOK_STRING, text + pos + 1, i - pos - 1,
-                           static_cast<int32_t>(pos + 1), super, static_cast<int32_t>(next + 1));
-            next++;
-            pos = i;
-            break;
-        }
-        case ':':
-            super = static_cast<int32_t>(next) - 1;
-            /* Usually a space follows; step over it here. */
-            if (pos + 1 < len && text[pos + 1] == ' ')
-                pos++;
-            break;
-        case ',':
-            if (super != -1) {
-                /* Past a member value: from its key back to the object. */
-                const jsmn_token *s = &tokens[super];
-                const bool container = s->type == JSMN_TOK_OBJECT || s->type == JSMN_TOK_ARRAY;
-                super = container ? super : s->parent;
-            }
-            if (pos + 1 < len && text[pos + 1] == ' ')
-                pos++;
-            break;
-        default: {
-            const uint64_t s = pos;
-            uint64_t i = jsmn_skip_primitive_bytes(text, len, s);
-            for (; i < len; i++) {
-                uint8_t cls = tables.prim[static_cast<unsigned char>(text[i])];
-                if (cls == PRIM_PART)
-                    continue;
-                if (cls == PRIM_END)
-                    break;
-                result = JSMN_ERR_INVALID;
-                goto fail;
-            }
-            if (__builtin_expect(next >= capacity, 0)) {
-                tokens = jsmn_tokens_grow(t);
-                capacity = t->token_capacity;
-            }
-            if (super != -1)
-                tokens[super].size++;
-            jsmn_token_put(&tokens[next], JSMN_TOK_PRIMITIVE, text + s, i - s,
-                           static_cast<int32_t>(s), super, static_cast<int32_t>(next + 1));
-            next++;
-            pos = i - 1;
-            break;
-        }
-        }
+    /*
+     * Every byte between tokens is acted on the same way wherever it
+     * appears; what differs between the two entry points below is only the
+     * order in which the likely bytes are tested. Where a value may start
+     * (after an opening bracket, comma or colon) a quote or bracket is
+     * likely, after a value a comma, closing bracket or colon. Separate
+     * tests at separate places predict far better than one jump table.
+     */
+value:
+    if (__builtin_expect(pos >= len, 0))
+        goto done;
+    c = static_cast<unsigned char>(text[pos]);
+    if (c == '"')
+        goto string;
+    if (tables.bare[c])
+        goto primitive;
+    if (c == '{' || c == '[')
+        goto open;
+    goto any;
+
+after:
+    if (__builtin_expect(pos >= len, 0))
+        goto done;
+    c = static_cast<unsigned char>(text[pos]);
+    if (c == ',')
+        goto comma;
+    if (c == '}' || c == ']')
+        goto close;
+    if (c == ':')
+        goto colon;
+    goto any;
+
+any:
+    switch (c) {
+    case '\0':
+        goto done;
+    case '\t':
+    case '\n':
+    case '\r':
+    case ' ':
+        pos++;
+        goto value;
+    case '{':
+    case '[':
+        goto open;
+    case '}':
+    case ']':
+        goto close;
+    case '"':
+        goto string;
+    case ':':
+        goto colon;
+    case ',':
+        goto comma;
+    default:
+        goto primitive;
     }
+
+open:
+    if (__builtin_expect(next >= capacity, 0)) {
+        tokens = jsmn_tokens_grow(t);
+        capacity = t->token_capacity;
+    }
+    if (super != -1)
+        tokens[super].size++;
+    jsmn_token_put(&tokens[next], c == '{' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY, nullptr, 0,
+                   static_cast<int32_t>(pos), super, cur);
+    super = cur = static_cast<int32_t>(next);
+    next++;
+    pos++;
+    goto value;
+
+close:
+    if (__builtin_expect(cur == -1, 0)) {
+        if (next == 0 || !jsmn_stray_close_ok(tokens, next, super,
+                                              c == '}' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY)) {
+            result = JSMN_ERR_INVALID;
+            goto fail;
+        }
+        pos++;
+        goto after;
+    }
+    tok = &tokens[cur];
+    if (__builtin_expect(tok->type != (c == '}' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY), 0)) {
+        result = JSMN_ERR_INVALID;
+        goto fail;
+    }
+    tok->str = jsmn_text(text + tok->start, pos - uint64_t(tok->start) + 1);
+    cur = tok->skip;
+    tok->skip = static_cast<int32_t>(next);
+    super = tok->parent;
+    pos++;
+    goto after;
+
+string:
+    i = pos + 1;
+    result = jsmn_scan_string(text, len, i);
+    if (__builtin_expect(result != 0, 0))
+        goto fail; /* pos stays on the opening quote */
+    if (__builtin_expect(next >= capacity, 0)) {
+        tokens = jsmn_tokens_grow(t);
+        capacity = t->token_capacity;
+    }
+    if (super != -1)
+        tokens[super].size++;
+    jsmn_token_put(&tokens[next], JSMN_TOK_STRING, text + pos + 1, i - pos - 1,
+                   static_cast<int32_t>(pos + 1), super, static_cast<int32_t>(next + 1));
+    next++;
+    pos = i + 1;
+    goto after;
+
+colon:
+    super = static_cast<int32_t>(next) - 1;
+    pos++;
+    /* Usually a space follows; step over it here. */
+    if (pos < len && text[pos] == ' ')
+        pos++;
+    goto value;
+
+comma:
+    if (super != -1) {
+        /* Past a member value: from its key back to the object. */
+        tok = &tokens[super];
+        super = (tok->type == JSMN_TOK_OBJECT || tok->type == JSMN_TOK_ARRAY) ? super : tok->parent;
+    }
+    pos++;
+    if (pos < len && text[pos] == ' ')
+        pos++;
+    goto value;
+
+primitive:
+    i = jsmn_skip_primitive_bytes(text, len, pos);
+    for (; i < len; i++) {
+        uint8_t cls = tables.prim[static_cast<unsigned char>(text[i])];
+        if (cls == PRIM_PART)
+            continue;
+        if (__builtin_expect(cls == PRIM_END, 1))
+            break;
+        result = JSMN_ERR_INVALID;
+        goto fail;
+    }
+    if (__builtin_expect(next >= capacity, 0)) {
+        tokens = jsmn_tokens_grow(t);
+        capacity = t->token_capacity;
+    }
+    if (super != -1)
+        tokens[super].size++;
+    jsmn_token_put(&tokens[next], JSMN_TOK_PRIMITIVE, text + pos, i - pos,
+                   static_cast<int32_t>(pos), super, static_cast<int32_t>(next + 1));
+    next++;
+    pos = i;
+    goto after;
+
 done:
     if (__builtin_expect(cur == -1, 1)) {
         result = static_cast<int32_t>(next);
@@ -374,7 +432,7 @@ done:
 fail:
     /* Open containers show a skip of 0. */
     while (cur != -1) {
-        jsmn_token *tok = &tokens[cur];
+        tok = &tokens[cur];
         cur = tok->skip;
         tok->skip = 0;
     }
