@@ -1,13 +1,16 @@
 /*
- * JSON tokenizer. One loop over the input acts on each structural byte;
- * strings and primitives are scanned by inner loops driven by byte class
- * tables. The parse keeps its working state (position, token array, next
- * token, super token) in locals and stores it back into the tokenizer on
- * every way out, so that t->pos tells where an error was found.
+ * JSON tokenizer. One pass over the input acts on each byte between
+ * tokens; strings and primitives are scanned 16 bytes at a time with SSE2
+ * (byte class tables finish the last few bytes and check escapes). The
+ * parse keeps its working state (position, token array and capacity, next
+ * token, super token, innermost open container) in locals and stores it
+ * back into the tokenizer on every way out, so that t->pos tells where an
+ * error was found.
  *
- * Open containers are counted as they are opened and closed: a container
- * is open exactly while its text is unset, so a count above 0 at the end
- * means some object or array was never closed.
+ * Every open container lies on the parent chain of the last token taken,
+ * so a closing bracket always closes the innermost one. Open containers
+ * are chained through their skip fields (0 again on every error way out),
+ * and one still open at the end means the input was cut short.
  */
 #include "jsmn.h"
 
@@ -90,12 +93,10 @@ __attribute__((noinline)) jsmn_token *jsmn_tokens_grow(jsmn_tokenizer *t)
 }
 
 /*
- * Skipping runs of ordinary bytes 16 at a time. Each returns the offset of
- * the first byte at or after `i` that a scanner must look at: for a string
- * a quote, backslash or NUL; for a primitive any byte outside 33..126 or
- * one of , ] } : (white space, NUL, bad bytes and separators). Only whole
- * 16-byte groups inside the input are read; the scalar loops finish the
- * rest.
+ * Skips the ordinary bytes of a primitive 16 at a time: returns the offset
+ * of the first byte at or after `i` outside 33..126 or one of , ] } :
+ * (white space, NUL, bad bytes and separators). Only whole 16-byte groups
+ * inside the input are read; the scalar loop finishes the rest.
  */
 #ifdef __SSE2__
 inline uint64_t jsmn_skip_primitive_bytes(const char *text, uint64_t len, uint64_t i)
