@@ -129,6 +129,11 @@ TEST(Jsmn, ErrorsAndPositions)
     EXPECT_EQ(p.result, JSMN_ERR_INVALID);
     EXPECT_EQ(p.tokens, strings({"A (open) 2 -1 0", "P 1 0 0 2", "O (open) 1 0 0", "S k 1 2 4",
                                  "P 2 0 3 5"}));
+    /* The same when the input ends with containers open, one closed between. */
+    p = tokenize("[[1], {\"a\": [2");
+    EXPECT_EQ(p.result, JSMN_ERR_PARTIAL);
+    EXPECT_EQ(p.tokens, strings({"A (open) 2 -1 0", "A [1] 1 0 3", "P 1 0 1 3", "O (open) 1 0 0",
+                                 "S a 1 3 5", "A (open) 1 4 0", "P 2 0 5 7"}));
 
     /* A bracket after a complete top-level value, with a super token set
      * by ":", is ignored. */

@@ -1,13 +1,16 @@
 /*
- * JSON tokenizer. One loop over the input acts on each structural byte;
- * strings and primitives are scanned by inner loops driven by byte class
- * tables. The parse keeps its working state (position, token array, next
- * token, super token) in locals and stores it back into the tokenizer on
- * every way out, so that t->pos tells where an error was found.
+ * JSON tokenizer. One pass over the input acts on each byte between
+ * tokens; strings and primitives are scanned 16 bytes at a time with SSE2
+ * (byte class tables finish the last few bytes and check escapes). The
+ * parse keeps its working state (position, token array and capacity, next
+ * token, super token, innermost open container) in locals and stores it
+ * back into the tokenizer on every way out, so that t->pos tells where an
+ * error was found.
  *
- * Open containers are counted as they are opened and closed: a container
- * is open exactly while its text is unset, so a count above 0 at the end
- * means some object or array was never closed.
+ * Every open container lies on the parent chain of the last token taken,
+ * so a closing bracket always closes the innermost one. Open containers
+ * are chained through their skip fields (0 again on every error way out),
+ * and one still open at the end means the input was cut short.
  */
 #include "jsmn.h"
 
@@ -44,7 +47,8 @@ struct jsmn_tables {
     uint8_t prim[256];
     uint8_t str[256];
     uint8_t hex[256];
-    constexpr jsmn_tables() : prim(), str(), hex()
+    uint8_t bare[256]; /* 1 where a byte between tokens starts a primitive */
+    constexpr jsmn_tables() : prim(), str(), hex(), bare()
     {
         for (int c = 0; c < 256; c++) {
             prim[c] = (c < 32 || c > 126) ? PRIM_BAD : PRIM_PART;
@@ -58,6 +62,11 @@ struct jsmn_tables {
         str[static_cast<uint8_t>('"')] = STR_QUOTE;
         str[static_cast<uint8_t>('\\')] = STR_ESCAPE;
         str[0] = STR_NUL;
+        for (int c = 0; c < 256; c++)
+            bare[c] = 1;
+        const char structure[] = {'\0', '\t', '\n', '\r', ' ', '{', '[', '}', ']', '"', ':', ','};
+        for (char c : structure)
+            bare[static_cast<uint8_t>(c)] = 0;
     }
 };
 constexpr jsmn_tables tables;
@@ -83,53 +92,13 @@ __attribute__((noinline)) jsmn_token *jsmn_tokens_grow(jsmn_tokenizer *t)
     return grown;
 }
 
-/* Takes the next token, growing the array when it is full; zeroed, with
- * start and parent -1. */
-inline jsmn_token *jsmn_token_alloc(jsmn_tokenizer *t, jsmn_token *&tokens, uint32_t &next)
-{
-    if (next >= t->token_capacity)
-        tokens = jsmn_tokens_grow(t);
-    jsmn_token *tok = &tokens[next++];
-    memset(tok, 0, sizeof(*tok));
-    tok->start = -1;
-    tok->parent = -1;
-    return tok;
-}
-
-inline void jsmn_token_fill(jsmn_token *tok, jsmn_tok_type type, const char *text, uint64_t start,
-                            uint64_t end)
-{
-    tok->type = type;
-    tok->str = jsmn_text(text + start, end - start);
-    tok->start = static_cast<int32_t>(start);
-    tok->size = 0;
-}
-
 /*
- * Skipping runs of ordinary bytes 16 at a time. Each returns the offset of
- * the first byte at or after `i` that a scanner must look at: for a string
- * a quote, backslash or NUL; for a primitive any byte outside 33..126 or
- * one of , ] } : (white space, NUL, bad bytes and separators). Only whole
- * 16-byte groups inside the input are read; the scalar loops finish the
- * rest.
+ * Skips the ordinary bytes of a primitive 16 at a time: returns the offset
+ * of the first byte at or after `i` outside 33..126 or one of , ] } :
+ * (white space, NUL, bad bytes and separators). Only whole 16-byte groups
+ * inside the input are read; the scalar loop finishes the rest.
  */
 #ifdef __SSE2__
-inline uint64_t jsmn_skip_string_bytes(const char *text, uint64_t len, uint64_t i)
-{
-    const __m128i quote = _mm_set1_epi8('"'), escape = _mm_set1_epi8('\\');
-    const __m128i zero = _mm_setzero_si128();
-    for (; i + 16 <= len; i += 16) {
-        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(text + i));
-        __m128i hit =
-            _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, quote), _mm_cmpeq_epi8(v, escape)),
-                         _mm_cmpeq_epi8(v, zero));
-        unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(hit));
-        if (mask != 0)
-            return i + static_cast<unsigned>(__builtin_ctz(mask));
-    }
-    return i;
-}
-
 inline uint64_t jsmn_skip_primitive_bytes(const char *text, uint64_t len, uint64_t i)
 {
     const __m128i space = _mm_set1_epi8(32), del = _mm_set1_epi8(127);
@@ -150,10 +119,6 @@ inline uint64_t jsmn_skip_primitive_bytes(const char *text, uint64_t len, uint64
     return i;
 }
 #else
-inline uint64_t jsmn_skip_string_bytes(const char *, uint64_t, uint64_t i)
-{
-    return i;
-}
 inline uint64_t jsmn_skip_primitive_bytes(const char *, uint64_t, uint64_t i)
 {
     return i;
@@ -168,15 +133,39 @@ inline uint64_t jsmn_skip_primitive_bytes(const char *, uint64_t, uint64_t i)
 inline int32_t jsmn_scan_string(const char *text, uint64_t len, uint64_t &i)
 {
     for (;;) {
-        i = jsmn_skip_string_bytes(text, len, i);
-        while (i < len && tables.str[static_cast<unsigned char>(text[i])] == STR_PART)
-            i++;
-        if (i >= len)
-            return JSMN_ERR_PARTIAL;
-        uint8_t cls = tables.str[static_cast<unsigned char>(text[i])];
-        if (cls == STR_QUOTE)
-            return 0;
-        if (cls == STR_NUL)
+        bool stop = false; /* text[i] is a quote, backslash or NUL */
+#ifdef __SSE2__
+        const __m128i quote = _mm_set1_epi8('"'), escape = _mm_set1_epi8('\\');
+        const __m128i zero = _mm_setzero_si128();
+        while (i + 16 <= len) {
+            __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(text + i));
+            unsigned q = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, quote)));
+            unsigned e = static_cast<unsigned>(_mm_movemask_epi8(
+                _mm_or_si128(_mm_cmpeq_epi8(v, escape), _mm_cmpeq_epi8(v, zero))));
+            unsigned any = q | e;
+            if (any != 0) {
+                i += static_cast<unsigned>(__builtin_ctz(any));
+                /* The usual end: the first stop is the closing quote. */
+                if ((any & (0u - any) & q) != 0)
+                    return 0;
+                stop = true;
+                break;
+            }
+            i += 16;
+        }
+#endif
+        if (!stop) {
+            for (;; i++) {
+                if (i >= len)
+                    return JSMN_ERR_PARTIAL;
+                uint8_t cls = tables.str[static_cast<unsigned char>(text[i])];
+                if (cls == STR_QUOTE)
+                    return 0;
+                if (cls != STR_PART)
+                    break;
+            }
+        }
+        if (text[i] == '\0')
             return JSMN_ERR_PARTIAL;
         /* A backslash. As the last byte it is part of a string that is cut. */
         if (i + 1 >= len)
@@ -233,123 +222,222 @@ void jsmn_destroy(jsmn_tokenizer *t)
     t->tokens = nullptr;
 }
 
+/* Stores a whole token in one sequence (padding included, as a zeroed
+ * token would have it). */
+static inline void jsmn_token_put(jsmn_token *tok, jsmn_tok_type type, const char *ptr,
+                                  uint64_t len, int32_t start, int32_t parent, int32_t skip)
+{
+    tok->type = type;
+    memset(reinterpret_cast<char *>(tok) + sizeof(tok->type), 0,
+           offsetof(jsmn_token, str) - sizeof(tok->type));
+    tok->str.ptr = ptr;
+    tok->str.len = len;
+    tok->start = start;
+    tok->size = 0;
+    tok->parent = parent;
+    tok->skip = skip;
+}
+
+/*
+ * A closing bracket with no container open: the last token's top-level
+ * ancestor decides between an ignored bracket and an error.
+ */
+static __attribute__((noinline)) bool jsmn_stray_close_ok(const jsmn_token *tokens, uint32_t next,
+                                                          int32_t super, jsmn_tok_type want)
+{
+    const jsmn_token *tok = &tokens[next - 1];
+    while (tok->parent != -1)
+        tok = &tokens[tok->parent];
+    return tok->type == want && super != -1;
+}
+
 int32_t jsmn_parse(jsmn_tokenizer *t, const char *text, uint64_t len)
 {
     t->text = text;
     t->text_len = len;
     jsmn_token *tokens = t->tokens;
+    uint32_t capacity = t->token_capacity;
     uint32_t next = 0;
     int32_t super = -1;
-    uint32_t open = 0; /* containers opened and not yet closed */
+    /* The innermost open container, -1 when none is open. Every open
+     * container lies on the parent chain of the last token taken, so a
+     * closing bracket always closes this one. While a container is open its
+     * skip field links to the next open container out; the final value
+     * (the open containers' 0) is restored on every error way out. */
+    int32_t cur = -1;
     uint64_t pos = 0;
+    uint64_t i;
+    unsigned char c;
+    jsmn_token *tok;
     int32_t result;
 
-    for (; pos < len; pos++) {
-        const unsigned char c = static_cast<unsigned char>(text[pos]);
-        switch (c) {
-        case '\0':
-            goto done;
-        case '\t':
-        case '\n':
-        case '\r':
-        case ' ':
-            break;
-        case '{':
-        case '[': {
-            jsmn_token *tok = jsmn_token_alloc(t, tokens, next);
-            if (super != -1) {
-                tokens[super].size++;
-                tok->parent = super;
-            }
-            tok->type = c == '{' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY;
-            tok->start = static_cast<int32_t>(pos);
-            super = static_cast<int32_t>(next - 1);
-            open++;
-            break;
-        }
-        case '}':
-        case ']': {
-            const jsmn_tok_type want = c == '}' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY;
-            if (next == 0) {
-                result = JSMN_ERR_INVALID;
-                goto fail;
-            }
-            /* Up the parent links from the last token to the innermost open
-             * container. */
-            jsmn_token *tok = &tokens[next - 1];
-            for (;;) {
-                if (tok->str.ptr == nullptr) {
-                    if (tok->type != want) {
-                        result = JSMN_ERR_INVALID;
-                        goto fail;
-                    }
-                    tok->str = jsmn_text(text + tok->start, pos - uint64_t(tok->start) + 1);
-                    tok->skip = static_cast<int32_t>(next);
-                    super = tok->parent;
-                    open--;
-                    break;
-                }
-                if (tok->parent == -1) {
-                    /* Nothing open: a stray bracket after a complete value. */
-                    if (tok->type != want || super == -1) {
-                        result = JSMN_ERR_INVALID;
-                        goto fail;
-                    }
-                    break;
-                }
-                tok = &tokens[tok->parent];
-            }
-            break;
-        }
-        case '"': {
-            uint64_t i = pos + 1;
-            result = jsmn_scan_string(text, len, i);
-            if (result != 0)
-                goto fail; /* pos stays on the opening quote */
-            jsmn_token *tok = jsmn_token_alloc(t, tokens, next);
-            jsmn_token_fill(tok, JSMN_TOK_STRING, text, pos + 1, i);
-            tok->parent = super;
-            tok->skip = static_cast<int32_t>(next);
-            if (super != -1)
-                tokens[super].size++;
-            pos = i;
-            break;
-        }
-        case ':':
-            super = static_cast<int32_t>(next) - 1;
-            break;
-        case ',':
-            if (super != -1 && tokens[super].type != JSMN_TOK_OBJECT &&
-                tokens[super].type != JSMN_TOK_ARRAY)
-                super = tokens[super].parent;
-            break;
-        default: {
-            const uint64_t s = pos;
-            uint64_t i = jsmn_skip_primitive_bytes(text, len, s);
-            for (; i < len; i++) {
-                uint8_t cls = tables.prim[static_cast<unsigned char>(text[i])];
-                if (cls == PRIM_PART)
-                    continue;
-                if (cls == PRIM_END)
-                    break;
-                pos = s;
-                result = JSMN_ERR_INVALID;
-                goto fail;
-            }
-            jsmn_token *tok = jsmn_token_alloc(t, tokens, next);
-            jsmn_token_fill(tok, JSMN_TOK_PRIMITIVE, text, s, i);
-            tok->parent = super;
-            tok->skip = static_cast<int32_t>(next);
-            if (super != -1)
-                tokens[super].size++;
-            pos = i - 1;
-            break;
-        }
-        }
+    /*
+     * Every byte between tokens is acted on the same way wherever it
+     * appears; what differs between the two entry points below is only the
+     * order in which the likely bytes are tested. Where a value may start
+     * (after an opening bracket, comma or colon) a quote or bracket is
+     * likely, after a value a comma, closing bracket or colon. Separate
+     * tests at separate places predict far better than one jump table.
+     */
+value:
+    if (__builtin_expect(pos >= len, 0))
+        goto done;
+    c = static_cast<unsigned char>(text[pos]);
+    if (c == '"')
+        goto string;
+    if (tables.bare[c])
+        goto primitive;
+    if (c == '{' || c == '[')
+        goto open;
+    goto any;
+
+after:
+    if (__builtin_expect(pos >= len, 0))
+        goto done;
+    c = static_cast<unsigned char>(text[pos]);
+    if (c == ',')
+        goto comma;
+    if (c == '}' || c == ']')
+        goto close;
+    if (c == ':')
+        goto colon;
+    goto any;
+
+any:
+    switch (c) {
+    case '\0':
+        goto done;
+    case '\t':
+    case '\n':
+    case '\r':
+    case ' ':
+        pos++;
+        goto value;
+    case '{':
+    case '[':
+        goto open;
+    case '}':
+    case ']':
+        goto close;
+    case '"':
+        goto string;
+    case ':':
+        goto colon;
+    case ',':
+        goto comma;
+    default:
+        goto primitive;
     }
+
+open:
+    if (__builtin_expect(next >= capacity, 0)) {
+        tokens = jsmn_tokens_grow(t);
+        capacity = t->token_capacity;
+    }
+    if (super != -1)
+        tokens[super].size++;
+    jsmn_token_put(&tokens[next], c == '{' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY, nullptr, 0,
+                   static_cast<int32_t>(pos), super, cur);
+    super = cur = static_cast<int32_t>(next);
+    next++;
+    pos++;
+    goto value;
+
+close:
+    if (__builtin_expect(cur == -1, 0)) {
+        if (next == 0 || !jsmn_stray_close_ok(tokens, next, super,
+                                              c == '}' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY)) {
+            result = JSMN_ERR_INVALID;
+            goto fail;
+        }
+        pos++;
+        goto after;
+    }
+    tok = &tokens[cur];
+    if (__builtin_expect(tok->type != (c == '}' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY), 0)) {
+        result = JSMN_ERR_INVALID;
+        goto fail;
+    }
+    tok->str = jsmn_text(text + tok->start, pos - uint64_t(tok->start) + 1);
+    cur = tok->skip;
+    tok->skip = static_cast<int32_t>(next);
+    super = tok->parent;
+    pos++;
+    goto after;
+
+string:
+    i = pos + 1;
+    result = jsmn_scan_string(text, len, i);
+    if (__builtin_expect(result != 0, 0))
+        goto fail; /* pos stays on the opening quote */
+    if (__builtin_expect(next >= capacity, 0)) {
+        tokens = jsmn_tokens_grow(t);
+        capacity = t->token_capacity;
+    }
+    if (super != -1)
+        tokens[super].size++;
+    jsmn_token_put(&tokens[next], JSMN_TOK_STRING, text + pos + 1, i - pos - 1,
+                   static_cast<int32_t>(pos + 1), super, static_cast<int32_t>(next + 1));
+    next++;
+    pos = i + 1;
+    goto after;
+
+colon:
+    super = static_cast<int32_t>(next) - 1;
+    pos++;
+    /* Usually a space follows; step over it here. */
+    if (pos < len && text[pos] == ' ')
+        pos++;
+    goto value;
+
+comma:
+    if (super != -1) {
+        /* Past a member value: from its key back to the object. */
+        tok = &tokens[super];
+        super = (tok->type == JSMN_TOK_OBJECT || tok->type == JSMN_TOK_ARRAY) ? super : tok->parent;
+    }
+    pos++;
+    if (pos < len && text[pos] == ' ')
+        pos++;
+    goto value;
+
+primitive:
+    i = jsmn_skip_primitive_bytes(text, len, pos);
+    for (; i < len; i++) {
+        uint8_t cls = tables.prim[static_cast<unsigned char>(text[i])];
+        if (cls == PRIM_PART)
+            continue;
+        if (__builtin_expect(cls == PRIM_END, 1))
+            break;
+        result = JSMN_ERR_INVALID;
+        goto fail;
+    }
+    if (__builtin_expect(next >= capacity, 0)) {
+        tokens = jsmn_tokens_grow(t);
+        capacity = t->token_capacity;
+    }
+    if (super != -1)
+        tokens[super].size++;
+    jsmn_token_put(&tokens[next], JSMN_TOK_PRIMITIVE, text + pos, i - pos,
+                   static_cast<int32_t>(pos), super, static_cast<int32_t>(next + 1));
+    next++;
+    pos = i;
+    goto after;
+
 done:
-    result = open != 0 ? JSMN_ERR_PARTIAL : static_cast<int32_t>(next);
+    if (__builtin_expect(cur == -1, 1)) {
+        result = static_cast<int32_t>(next);
+        goto out;
+    }
+    result = JSMN_ERR_PARTIAL;
 fail:
+    /* Open containers show a skip of 0. */
+    while (cur != -1) {
+        tok = &tokens[cur];
+        cur = tok->skip;
+        tok->skip = 0;
+    }
+out:
     t->pos = static_cast<uint32_t>(pos);
     t->next_token = next;
     t->super_token = super;
