@@ -17,6 +17,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "bench_types.h"
 #include "zor_reg.h"
 
 namespace
@@ -24,27 +25,7 @@ namespace
 
 /* ---- the registry setup ---------------------------------------------------- */
 
-void int_write(void *dst, const void *src, const zor_datatype_info *)
-{
-    *static_cast<int *>(dst) = src != nullptr ? *static_cast<const int *>(src) : 0;
-}
-
-int int_cmp_eq(const void *a, const void *b, const zor_datatype_info *)
-{
-    return *static_cast<const int *>(a) != *static_cast<const int *>(b);
-}
-
-zor_datatype_info make_int_type()
-{
-    zor_datatype_info info = {};
-    info.size = 4;
-    info.properties = ZOR_DATATYPE_PROP_FLATTENED;
-    info.write = int_write;
-    info.cmp_eq = int_cmp_eq;
-    info.parent_id = 0xFFFFFFFF;
-    return info;
-}
-const zor_datatype_info int_type = make_int_type();
+const zor_datatype_info int_type = bench::make_type(4);
 
 struct rec {
     int value;

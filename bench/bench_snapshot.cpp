@@ -12,35 +12,14 @@
 
 #include <cstdlib>
 
+#include "bench_types.h"
 #include "zor_reg.h"
 
 namespace
 {
 
-void int_write(void *dst, const void *src, const zor_datatype_info *)
-{
-    *static_cast<int *>(dst) = src != nullptr ? *static_cast<const int *>(src) : 0;
-}
-
-int int_cmp_eq(const void *a, const void *b, const zor_datatype_info *)
-{
-    return *static_cast<const int *>(a) != *static_cast<const int *>(b);
-}
-
-zor_datatype_info make_type(uint64_t size)
-{
-    zor_datatype_info info = {};
-    info.size = size;
-    info.properties = ZOR_DATATYPE_PROP_FLATTENED;
-    if (size != 0) {
-        info.write = int_write;
-        info.cmp_eq = int_cmp_eq;
-    }
-    info.parent_id = 0xFFFFFFFF;
-    return info;
-}
-const zor_datatype_info int_type = make_type(4);
-const zor_datatype_info flag_type = make_type(0);
+const zor_datatype_info int_type = bench::make_type(4);
+const zor_datatype_info flag_type = bench::make_type(0);
 
 struct rec {
     int value;

@@ -15,11 +15,7 @@
 
 #include <string>
 
-#define CHECK(cond)                                                                                \
-    do {                                                                                           \
-        if (!(cond))                                                                               \
-            __builtin_trap();                                                                      \
-    } while (0)
+#include "fuzz_check.h"
 
 namespace
 {

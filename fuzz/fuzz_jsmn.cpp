@@ -20,11 +20,7 @@
 
 #include <vector>
 
-#define CHECK(cond)                                                                                \
-    do {                                                                                           \
-        if (!(cond))                                                                               \
-            __builtin_trap();                                                                      \
-    } while (0)
+#include "fuzz_check.h"
 
 namespace
 {

@@ -13,11 +13,7 @@
 #include <string>
 #include <vector>
 
-#define CHECK(cond)                                                                                \
-    do {                                                                                           \
-        if (!(cond))                                                                               \
-            __builtin_trap();                                                                      \
-    } while (0)
+#include "fuzz_check.h"
 
 static std::string model(const std::string &in)
 {

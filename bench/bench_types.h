@@ -1,0 +1,39 @@
+/*
+ * bench_types.h - the resolved datatypes the registry benchmarks use: a
+ * 4-byte int with write and compare, and a flag (size 0).
+ */
+#ifndef ZOR_BENCH_TYPES_H
+#define ZOR_BENCH_TYPES_H
+
+#include "zor_datatype.h"
+
+namespace bench
+{
+
+inline void int_write(void *dst, const void *src, const zor_datatype_info *)
+{
+    *static_cast<int *>(dst) = src != nullptr ? *static_cast<const int *>(src) : 0;
+}
+
+inline int int_cmp_eq(const void *a, const void *b, const zor_datatype_info *)
+{
+    return *static_cast<const int *>(a) != *static_cast<const int *>(b);
+}
+
+/* An int type for size 4, a flag type for size 0; resolved, without parent. */
+inline zor_datatype_info make_type(uint64_t size)
+{
+    zor_datatype_info info = {};
+    info.size = size;
+    info.properties = ZOR_DATATYPE_PROP_FLATTENED;
+    if (size != 0) {
+        info.write = int_write;
+        info.cmp_eq = int_cmp_eq;
+    }
+    info.parent_id = 0xFFFFFFFF;
+    return info;
+}
+
+} // namespace bench
+
+#endif /* ZOR_BENCH_TYPES_H */
