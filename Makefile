@@ -68,9 +68,9 @@ fuzz: deps
 	scripts/fuzz.sh $(FUZZDIR) $(FUZZ_SECONDS)
 
 # Builds as the calling user. When PREFIX (or its nearest existing parent) is
-# not writable, only the copy runs under sudo; the one file the
-# copy writes into the build directory (install_manifest.txt) is handed back,
-# so the tree keeps no root-owned files. Run as `sudo make install` anyway,
+# not writable, only the copy runs under sudo; the one file the copy writes
+# into the build directory (install_manifest.txt) is handed back, so the tree
+# keeps no root-owned files. Run as `sudo make install` anyway,
 # the build directory is given back to the user who called sudo. A library
 # installed under /usr or /usr/local is registered with ldconfig.
 SYSTEM_LIBDIR = case '$(PREFIX)' in /usr|/usr/|/usr/local|/usr/local/) true;; *) false;; esac
@@ -82,7 +82,8 @@ install: build
 	  if [ "$$(id -u)" -eq 0 ] && $(SYSTEM_LIBDIR); then ldconfig; fi; \
 	else \
 	  echo "install: $$dir is not writable by $$(id -un): copying with sudo"; \
-	  sudo cmake --install $(BUILD) --prefix '$(PREFIX)' || exit 1; \
+	  sudo cmake --install $(BUILD) --prefix '$(PREFIX)' || \
+	    { echo "install: without sudo, install into a directory you own: make install PREFIX=\$$HOME/zor"; exit 1; }; \
 	  sudo chown "$$(id -u):$$(id -g)" $(BUILD)/install_manifest.txt; \
 	  if $(SYSTEM_LIBDIR); then sudo ldconfig; fi; \
 	fi; \
