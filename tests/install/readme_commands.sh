@@ -56,7 +56,7 @@ pkgconfig_sh=$(block sh 'pkg-config') || exit 1
 cmake_sh=$(block sh 'CMAKE_PREFIX_PATH') || exit 1
 
 export HOME=$work/home
-unset PKG_CONFIG_PATH CMAKE_PREFIX_PATH MAKEFLAGS MAKELEVEL MFLAGS
+unset PKG_CONFIG_PATH CMAKE_PREFIX_PATH MAKEFLAGS MAKELEVEL MFLAGS SUDO_UID SUDO_GID SUDO_USER
 
 # run NAME DIR SCRIPT: runs the README's lines with sh -e in DIR.
 run() {
