@@ -44,6 +44,11 @@
 extern "C" {
 #endif
 
+/* The flexible array member is C99; C++ compilers accept it as an extension. */
+#ifdef __cplusplus
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wpedantic"
+#endif
 /* One block, allocated as one piece: this header, then total_size bytes. */
 typedef struct zor_buffer_block {
     struct zor_buffer_block *next; /* following block, null for the last */
@@ -51,6 +56,9 @@ typedef struct zor_buffer_block {
     uint64_t total_size;           /* capacity of data; always above size */
     char data[];                   /* the text; data[size] is always 0 */
 } zor_buffer_block;
+#ifdef __cplusplus
+#pragma GCC diagnostic pop
+#endif
 
 /* The buffer, in caller memory; all zero is empty and ready. */
 typedef struct zor_buffer {

@@ -42,6 +42,11 @@ extern "C" {
 /* The value that is never an id. */
 #define ZOR_DICT_INVALID_ID 0xFFFFFFFFu
 
+/* The flexible array member is C99; C++ compilers accept it as an extension. */
+#ifdef __cplusplus
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wpedantic"
+#endif
 /* One interned text: header and text in one allocation. */
 typedef struct zor_dict_rec {
     zor_hash_node node; /* link in the dictionary's table (offset 0) */
@@ -51,6 +56,9 @@ typedef struct zor_dict_rec {
     uint64_t len;       /* bytes of text, without the terminating NUL */
     char text[];        /* the text (any bytes) and a terminating NUL */
 } zor_dict_rec;
+#ifdef __cplusplus
+#pragma GCC diagnostic pop
+#endif
 
 /* The slot of one id ever used. */
 typedef struct zor_dict_entry {

@@ -127,7 +127,7 @@ static inline void *zor_iter_first(zor_iter *iter)
 /* Releases the iterator's state, if its kind has any, and clears the record. */
 static inline void zor_iter_free(zor_iter *iter)
 {
-    if (iter->free != ZOR_NULL)
+    if (iter->free) /* a function pointer: ISO C++ does not compare it with void * */
         iter->free(iter->info);
     memset(iter, 0, sizeof(*iter));
 }
