@@ -491,7 +491,9 @@ template <class Rec, class T> class field
     {
         return static_cast<const T *>(zor_reg_field_get_explicit(&r, info_));
     }
-    T get_or(const Rec &r, T fallback) const
+    template <class U = T>
+    std::enable_if_t<!std::is_array_v<U>, U> get_or(const Rec &r,
+                                                    const std::common_type_t<U> &fallback) const
     {
         const T *v = get(r);
         return v != nullptr ? *v : fallback;
@@ -827,6 +829,7 @@ struct store_state {
         schema->freeze();
         kinds.resize(schema->kinds.size());
         ds = zor_reg_ds_init(&schema->db, this);
+        zor_reg_process(ds); /* activates the removal registrations at once */
     }
     ~store_state()
     {
