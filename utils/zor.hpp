@@ -20,6 +20,7 @@
  *       return true;                             // false: delivery failed
  *   });
  *   reg.enable();
+ *   store.process();                             // takes the enable up
  *   iface *r = store.create(itf);                // zeroed, reported created
  *   mtu.set(*r, 9000);
  *   store.process();
@@ -1047,7 +1048,9 @@ class store
     /*
      * `fn(zor::batch<Rec> &)` with the records queued since its last
      * delivery whose watched `fields` changed; returns bool (false: failed)
-     * or void. Not enabled yet: call enable() on the result.
+     * or void. Not enabled yet: call enable() on the result; the processing
+     * that takes the enable up drops what was queued before it (enable(true)
+     * delivers the current records instead).
      */
     template <class Rec, class F>
     registration watch(kind<Rec> k, fields_of<Rec> fields, F &&fn, level lv = level::zero,
