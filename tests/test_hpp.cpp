@@ -552,10 +552,14 @@ TEST(Hpp, BufferAndStrings)
     const uint32_t before = live_strings();
     {
         zor::interned x("text"), y("text");
+        std::optional<zor::datatypes> more(std::in_place); /* shares the one strings table */
+        zor::interned w("other");
+        more.reset();
+        EXPECT_EQ(w.view(), "other");
         EXPECT_EQ(x.id(), y.id());
         zor::interned z(std::move(x));
         EXPECT_EQ(z.view(), "text");
-        EXPECT_EQ(live_strings(), before + 1);
+        EXPECT_EQ(live_strings(), before + 2);
     }
     EXPECT_EQ(live_strings(), before);
 }

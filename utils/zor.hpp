@@ -222,7 +222,7 @@ inline std::shared_ptr<void> strings_session()
 {
     static std::weak_ptr<void> slot;
     std::shared_ptr<void> s = slot.lock();
-    if (!s) {
+    if (s.use_count() == 0) { /* the session owns no object: its count tells */
         zor_datatype_init();
         s = std::shared_ptr<void>(nullptr, [](void *) { zor_datatype_cleanup(); });
         slot = s;
