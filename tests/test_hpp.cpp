@@ -117,7 +117,7 @@ TEST(Hpp, ValuesDefaultsDeliveriesMatchAModel)
     std::map<rec *, model> m;
     std::map<rec *, bool> delivered; /* record -> deleting */
     std::set<rec *> queued;
-    int notified = 0, expected_notified = 0, deleted = 0, removed = 0;
+    int notified = 0, expected_notified = 0, deleted = 0, removed = 0, batches = 0;
     const int32_t *last_a = nullptr;
     st.on_change(f.a, [&](rec &r, const int32_t *v) {
         EXPECT_EQ(f.a.get_explicit(r) != nullptr, m[&r].a.has_value()); /* old state */
@@ -131,9 +131,21 @@ TEST(Hpp, ValuesDefaultsDeliveriesMatchAModel)
     st.watch(f.k, {f.b},
              [&](zor::batch<rec> &bt) { /* watches b and, through it, on */
                                         EXPECT_FALSE(bt.resync());
-                                        for (auto u : bt)
-                                            EXPECT_TRUE(
-                                                delivered.emplace(&u.rec, u.deleting()).second);
+                                        if (++batches % 2) {
+                                            for (auto u : bt) {
+                                                EXPECT_EQ(u.removed(), m[&u.rec].removed);
+                                                EXPECT_TRUE(
+                                                    delivered.emplace(&u.rec, u.deleting()).second);
+                                            }
+                                            return true;
+                                        }
+                                        auto parts = bt.split(); /* the other way to read a batch */
+                                        for (rec &r : parts.present)
+                                            EXPECT_TRUE(delivered.emplace(&r, false).second);
+                                        for (rec &r : parts.deleting)
+                                            EXPECT_TRUE(delivered.emplace(&r, true).second);
+                                        EXPECT_EQ(parts.present_count + parts.deleting_count,
+                                                  bt.size());
                                         return true;
              })
         .enable();
@@ -421,9 +433,11 @@ TEST(Hpp, JsonValuesMatchTheCWriter)
     zor_json_arr_val_noquotes(&c, "-0.5");
     zor_json_arr_val_noquotes(&c, "null");
     j.end_array().pair("s", std::string_view("q\"\\\n\1", 5)).pair("l", zor::literal{"[1]"});
+    j.pair("c", 'c');
     zor_json_end_arr(&c);
     zor_json_pair_quotes(&c, "s", "q\\\"\\\\\\n\\u0001");
     zor_json_pair_noquotes(&c, "l", "[1]");
+    zor_json_pair_quotes(&c, "c", "c");
     j.pair("n", std::string_view()).object("o").end_object().end_object();
     zor_json_pair_quotes(&c, "n", "%s", "");
     zor_json_start_obj_pair(&c, "o");

@@ -268,6 +268,10 @@ class datatypes
 
   public:
     explicit datatypes(uint64_t size = 64) : s_(std::make_shared<detail::types_state>(size)) {}
+    datatypes(datatypes &&) noexcept = default;
+    datatypes &operator=(datatypes &&) noexcept = default;
+    datatypes(const datatypes &) = delete;
+    datatypes &operator=(const datatypes &) = delete;
     zor_dict *get() const
     {
         return &s_->db;
@@ -658,6 +662,10 @@ class schema
     explicit schema(const datatypes &types) : s_(std::make_shared<detail::schema_state>(types.s_))
     {
     }
+    schema(schema &&) noexcept = default;
+    schema &operator=(schema &&) noexcept = default;
+    schema(const schema &) = delete;
+    schema &operator=(const schema &) = delete;
     zor_reg_db *get() const
     {
         return &s_->db;
@@ -1229,8 +1237,8 @@ struct literal {
 /*
  * A JSON writer over a buffer. Values: strings (escaped, quoted), integers,
  * floating-point numbers (null when not finite), bool, nullptr, literal.
- * Keys are written as given. As the underlying writer, a value is cut to
- * its first 255 bytes (a string's cut never splits an escape).
+ * A char is a one-character string. Keys are written as given. As the underlying writer, a value is
+ * cut to its first 255 bytes (a string's cut never splits an escape).
  */
 class json
 {
@@ -1297,7 +1305,9 @@ class json
     }
     template <class V> void emit(const char *key, const V &v)
     {
-        if constexpr (std::is_same_v<V, bool>) {
+        if constexpr (std::is_same_v<V, char>) {
+            emit(key, std::string_view(&v, 1));
+        } else if constexpr (std::is_same_v<V, bool>) {
             put(key, false, v ? "true" : "false");
         } else if constexpr (std::is_same_v<V, std::nullptr_t>) {
             put(key, false, "null");
