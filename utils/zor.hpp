@@ -52,7 +52,8 @@
  * throws counts as a failed delivery (as if it returned false: the
  * registration receives nothing until a resync succeeds); the first such
  * exception is kept and rethrown by the next store::process, transaction
- * constructor or transaction::commit, once the C call has returned.
+ * constructor, commit or rollback, once the C call has returned (a
+ * transaction destroyed without commit leaves it for the next of these).
  */
 #ifndef ZOR_HPP
 #define ZOR_HPP
