@@ -58,13 +58,7 @@
 #ifndef ZOR_HPP
 #define ZOR_HPP
 
-/* The C headers are C11 first; in C++ under -Wpedantic some of their
- * constructs (flexible array members, a function pointer compared with a
- * null object pointer) warn, which is no concern of C++ callers. */
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wpedantic"
 #include "zor.h"
-#pragma GCC diagnostic pop
 
 #include <charconv>
 #include <cmath>
