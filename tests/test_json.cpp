@@ -234,7 +234,7 @@ struct Gen {
             call("%7.2f", static_cast<double>(n) / 7);
             break;
         case 15:
-            call("%c", static_cast<int>('A' + below(26)));
+            call("%c", static_cast<int>(below(4) ? 'A' + below(26) : 0)); /* 0 ends the value */
             break;
         default:
             call("%ls", L"\x100"); /* the formatter fails: an empty value */
