@@ -14,9 +14,9 @@ extern "C" {
 /*
  * Appends the concatenation of `count` texts with exactly the effect of
  * zor_printf(b, "%s%s...", ...) on them: the same attempts, the same blocks
- * appended and the same result, without running the formatter. Writers
- * whose pieces are plain texts use it on their hot paths. Exported for the
- * library's tests; not part of the installed interface.
+ * appended and the same result, without running the formatter. The JSON
+ * writer uses it for pieces that do not fit in the last block. Not part of
+ * the installed interface.
  */
 int zor_buffer_print_texts(zor_buffer *b, const zor_str *texts, int32_t count);
 
