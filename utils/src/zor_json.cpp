@@ -180,19 +180,19 @@ static zor_json_int_kind zor_json_int_format(const char *format)
 {
     if (format[0] != '%')
         return ZOR_JSON_NOT_INT;
-    const char *spec = format + 1;
+    const char *conv = format + 1;
     int size = 0; /* no size, "l", "ll" */
-    if (spec[0] == 'z')
-        return spec[1] == 'u' && spec[2] == 0 ? ZOR_JSON_SIZE : ZOR_JSON_NOT_INT;
-    if (spec[0] == 'l') {
-        size = spec[1] == 'l' ? 2 : 1;
-        spec += size;
+    if (conv[0] == 'z')
+        return conv[1] == 'u' && conv[2] == 0 ? ZOR_JSON_SIZE : ZOR_JSON_NOT_INT;
+    if (conv[0] == 'l') {
+        size = conv[1] == 'l' ? 2 : 1;
+        conv += size;
     }
-    if (spec[1] != 0)
+    if (conv[1] != 0)
         return ZOR_JSON_NOT_INT;
-    if (spec[0] == 'd' || spec[0] == 'i')
+    if (conv[0] == 'd' || conv[0] == 'i')
         return static_cast<zor_json_int_kind>(ZOR_JSON_INT + size);
-    if (spec[0] == 'u')
+    if (conv[0] == 'u')
         return static_cast<zor_json_int_kind>(ZOR_JSON_UINT + size);
     return ZOR_JSON_NOT_INT;
 }
