@@ -1,7 +1,6 @@
 /* Output buffer: block allocation, consumption, output, flatten; pk_write. */
 #include "zor_test.h"
 #include "zor_buffer.h"
-#include "zor_buffer_internal.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -281,29 +280,4 @@ TEST_F(Buffer, BrokenInvariantsStop)
     ZOR_EXPECT_ASSERT(zor_buffer_consume(&b, 2003), "zor_buffer_consume",
                       "buffer->block_count != 0");
     b.block_count = 3;
-}
-
-TEST_F(Buffer, PrintTextsMatchesPrintf)
-{
-    /* The same texts through zor_printf and the formatter-free path give the
-     * same blocks, whatever the default size and the room left. */
-    zor_buffer p = {};
-    std::string pieces[] = {"", "a", ",\n", std::string(5, 'k'), std::string(40, 'v')};
-    for (uint32_t d : {0u, 1u, 2u, 3u, 8u, 64u}) {
-        zor_buffer_set_default_size(d);
-        for (int i = 0; i < 60; i++) {
-            const std::string &x = pieces[i % 5], &y = pieces[(i * 7 + 3) % 5];
-            zor_str texts[2] = {zor_str_init(x.c_str()), zor_str_init(y.c_str())};
-            EXPECT_EQ(zor_buffer_print_texts(&b, texts, 2), 1);
-            zor_printf(&p, "%s%s", x.c_str(), y.c_str());
-            if (i % 17 == 16) {
-                zor_buffer_consume(&b, b.size / 2);
-                zor_buffer_consume(&p, p.size / 2);
-            }
-        }
-        EXPECT_EQ(block_sizes(b), block_sizes(p)) << d;
-        EXPECT_EQ(chunks(b), chunks(p)) << d;
-        zor_buffer_free(&b);
-        zor_buffer_free(&p);
-    }
 }

@@ -25,8 +25,11 @@
  * The writer neither escapes nor checks: keys and values are written as
  * given (escape quotes and backslashes yourself), and calls that do not
  * form valid JSON produce text all the same. Values are printf-style and
- * cut to their first 255 bytes; a value whose formatting fails is written
- * as empty. Keys are written whole. Indentation arithmetic wraps modulo
+ * cut to their first 255 bytes (and at a 0 byte a conversion produced); a
+ * value whose formatting fails is written as empty. The formats "%s",
+ * "%d", "%i", "%u" (also with "l" or "ll") and "%zu", and formats without
+ * conversions, are written without running the formatter: prefer them on
+ * hot paths. Keys are written whole. Indentation arithmetic wraps modulo
  * 256. A context and its buffer are used by one thread at a time.
  */
 #ifndef ZOR_JSON_H

@@ -147,6 +147,22 @@ int zor_putc(zor_buffer *buffer, int c)
     return 1;
 }
 
+void zor_buffer_putc_n(zor_buffer *buffer, int c, uint32_t count)
+{
+    while (count > 0) {
+        /* One zor_putc fills the room up to the place of the 0; the
+         * next one finds too little and appends a block. */
+        uint64_t working = zor_buffer_default_size;
+        uint64_t need = 1;
+        char *dst = zor_buffer_reserve(buffer, &working, &need);
+        uint32_t n = need - 1 < count ? static_cast<uint32_t>(need - 1) : count;
+        memset(dst, c, n);
+        int ok = zor_buffer_update(buffer, static_cast<int32_t>(n));
+        ZOR_ASSERT(ok);
+        count -= n;
+    }
+}
+
 int zor_write(zor_buffer *buffer, const void *bytes, uint64_t len)
 {
     uint64_t working = zor_buffer_default_size;
