@@ -49,8 +49,9 @@ TEST(Partition, SlotArraysGrowByDoubling)
         std::vector<uint32_t> sizes;
         uint32_t next_size;
     } cases[] = {
-        {2, 2, {2}, 128},          {2, 3, {128, 2}, 256},         {2, 130, {128, 2}, 256},
-        {2, 131, {256, 128, 2}, 512}, {0, 0, {0}, 128},           {0, 1, {128, 0}, 256},
+        {2, 2, {2}, 128},        {2, 3, {128, 2}, 256},
+        {2, 130, {128, 2}, 256}, {2, 131, {256, 128, 2}, 512},
+        {0, 0, {0}, 128},        {0, 1, {128, 0}, 256},
     };
     for (const auto &c : cases) {
         zor_partition p;
@@ -88,8 +89,8 @@ TEST(Partition, InterleavedBucketsAndProcessOrder)
     for (int pass = 0; pass < 2; pass++) {
         seen.clear();
         zor_partition_process(&p, record_call);
-        EXPECT_EQ(seen, (std::vector<std::string>{"third 0:", "second 3: 1 3 5",
-                                                  "first 3: 0 2 4"}));
+        EXPECT_EQ(seen,
+                  (std::vector<std::string>{"third 0:", "second 3: 1 3 5", "first 3: 0 2 4"}));
     }
 
     zor_partition_destroy(&p);
