@@ -71,7 +71,8 @@ typedef struct zor_buffer {
  * zor_printf returns 0. A block it appended for the attempt stays, empty,
  * and serves later writes.
  */
-ZOR_API int zor_printf(zor_buffer *b, const char *format, ...) __attribute__((format(printf, 2, 3)));
+ZOR_API int zor_printf(zor_buffer *b, const char *format, ...)
+    __attribute__((format(printf, 2, 3)));
 
 /* Appends one byte, the low 8 bits of `c`. Returns 1. */
 ZOR_API int zor_putc(zor_buffer *b, int c);

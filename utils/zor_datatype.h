@@ -144,8 +144,8 @@ ZOR_API uint32_t zor_datatype_db_init(zor_dict *db, uint64_t size);
  * stay valid for the database's life. Returns the id of the namespace name.
  */
 ZOR_API uint32_t zor_datatype_register(zor_dict *db, zor_str ns, uint64_t count,
-                               const zor_datatype_reg_info *reg_info, int local_id_is_index,
-                               zor_datatype_info **out);
+                                       const zor_datatype_reg_info *reg_info, int local_id_is_index,
+                                       zor_datatype_info **out);
 
 /*
  * Resolves every registered type: through its parent chain (at most 127
@@ -206,22 +206,23 @@ ZOR_API const char *zor_datatype_str_opaque(const void *value, const zor_datatyp
 ZOR_API void zor_datatype_write_opaque(void *dst, const void *src, const zor_datatype_info *info);
 ZOR_API int zor_datatype_cmp_opaque(const void *a, const void *b, const zor_datatype_info *info);
 ZOR_API void zor_datatype_free_opaque(void *value, const zor_datatype_info *info,
-                              const struct zor_reg_field_info *field);
+                                      const struct zor_reg_field_info *field);
 
 /* "flag": "present". */
 ZOR_API const char *zor_datatype_str_flag(const void *value, const zor_datatype_info *info);
 
 /* "int", "uint": decimal display and parse by the descriptor's size. */
 ZOR_API const char *zor_datatype_str_int(const void *value, const zor_datatype_info *info);
-ZOR_API int zor_datatype_parse_int(const char *text, size_t len, const zor_datatype_info *info, void *buff);
+ZOR_API int zor_datatype_parse_int(const char *text, size_t len, const zor_datatype_info *info,
+                                   void *buff);
 ZOR_API const char *zor_datatype_str_uint(const void *value, const zor_datatype_info *info);
 ZOR_API int zor_datatype_parse_uint(const char *text, size_t len, const zor_datatype_info *info,
-                            void *buff);
+                                    void *buff);
 
 /* "bool": a 4-byte int 1 or 0, shown and parsed as exactly "true" / "false". */
 ZOR_API const char *zor_datatype_str_bool(const void *value, const zor_datatype_info *info);
 ZOR_API int zor_datatype_parse_bool(const char *text, size_t len, const zor_datatype_info *info,
-                            void *buff);
+                                    void *buff);
 
 /* ---- the interned string type ------------------------------------------------ */
 
@@ -256,12 +257,12 @@ ZOR_API zor_str zor_datatype_string_from_id(zor_string_id id);
  * and copy (no reference taken) come from "mem".
  */
 ZOR_API int zor_datatype_parse_string(const char *text, size_t len, const zor_datatype_info *info,
-                              void *buff);
+                                      void *buff);
 ZOR_API const char *zor_datatype_str_string(const void *value, const zor_datatype_info *info);
 ZOR_API void zor_datatype_write_string(void *dst, const void *src, const zor_datatype_info *info);
 ZOR_API int zor_datatype_cmp_string(const void *a, const void *b, const zor_datatype_info *info);
 ZOR_API void zor_datatype_free_string(void *value, const zor_datatype_info *info,
-                              const struct zor_reg_field_info *field);
+                                      const struct zor_reg_field_info *field);
 
 #ifdef __cplusplus
 }

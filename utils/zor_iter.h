@@ -72,8 +72,8 @@ typedef struct zor_iter_chain_info {
  * state. Sets next_item to null and fresh to 1; count and finished are set
  * by the walk.
  */
-ZOR_API void zor_iter_init(zor_iter *iter, zor_iter_fn first, zor_iter_fn next, zor_iter_free_fn free,
-                   void *info);
+ZOR_API void zor_iter_init(zor_iter *iter, zor_iter_fn first, zor_iter_fn next,
+                           zor_iter_free_fn free, void *info);
 
 /*
  * Wraps every constructor call: when `ok` is 0 the constructor had nothing

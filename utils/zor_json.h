@@ -51,7 +51,8 @@ typedef struct zor_json_ctx {
 } zor_json_ctx;
 
 /* Zeroes `ctx` and sets its buffer and the two sizes (low 8 bits kept). */
-ZOR_API void zor_json_init(zor_json_ctx *ctx, zor_buffer *buffer, uint32_t indent_size, uint32_t indent);
+ZOR_API void zor_json_init(zor_json_ctx *ctx, zor_buffer *buffer, uint32_t indent_size,
+                           uint32_t indent);
 
 /* Opens / closes an object that is an array element or a top-level value. */
 ZOR_API void zor_json_start_obj(zor_json_ctx *ctx);

@@ -94,8 +94,9 @@ ZOR_API int zor_partition_buckets_iterator(zor_iter *iter, zor_partition *p);
  * Makes `iter` walk the entries of `b` in the order they were added, using
  * the caller's `state`. Returns 1.
  */
-ZOR_API int zor_partition_bucket_entries_iterator(zor_iter *iter, zor_partition_entries_state *state,
-                                          zor_partition_bucket *b);
+ZOR_API int zor_partition_bucket_entries_iterator(zor_iter *iter,
+                                                  zor_partition_entries_state *state,
+                                                  zor_partition_bucket *b);
 
 /* Calls `fn` once for `b` with its count, an entries iterator and its data. */
 ZOR_API void zor_partition_bucket_process(zor_partition_bucket *b, zor_partition_process_fn fn);

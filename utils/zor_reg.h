@@ -279,7 +279,7 @@ ZOR_API zor_reg_rec_info *zor_reg_db_rec_add(zor_reg_db *db);
  * (ZOR_DATATYPE_PROP_FLATTENED) and outlive the schema.
  */
 ZOR_API zor_reg_field_info *zor_reg_db_rec_add_field(zor_reg_rec_info *rec_info, uint64_t offset,
-                                             const zor_datatype_info *type);
+                                                     const zor_datatype_info *type);
 
 /*
  * Gives `field` a default: read when the field has no value of its own and
@@ -287,21 +287,22 @@ ZOR_API zor_reg_field_info *zor_reg_db_rec_add_field(zor_reg_rec_info *rec_info,
  * `value` is the caller's and must outlive the schema.
  */
 ZOR_API void zor_reg_db_field_set_default(zor_reg_field_info *field, zor_reg_field_info *ctrl_flag,
-                                  const void *value);
+                                          const void *value);
 
 /*
  * Names the kind's delete-pending flag and the callbacks run when a deleted
  * record leaves a data store (either may be NULL). Once per kind.
  */
 ZOR_API void zor_reg_db_rec_set_deletion_info(zor_reg_rec_info *rec, zor_reg_field_info *flag,
-                                      zor_reg_unlink_fn unlink_cb, zor_reg_free_fn free_cb);
+                                              zor_reg_unlink_fn unlink_cb, zor_reg_free_fn free_cb);
 
 /*
  * Computes the kind's block layout: the caller's record of `rec_size` bytes
  * lies `rec_offset` bytes (at least sizeof(zor_reg_entry)) after the entry.
  * Call after the kind's last field has been added.
  */
-ZOR_API void zor_reg_db_rec_set_offsets(zor_reg_rec_info *rec_info, uint64_t rec_offset, uint64_t rec_size);
+ZOR_API void zor_reg_db_rec_set_offsets(zor_reg_rec_info *rec_info, uint64_t rec_offset,
+                                        uint64_t rec_size);
 
 /* Frees the kinds and fields; after the last data store. `db` must be initialised again. */
 ZOR_API void zor_reg_db_destroy(zor_reg_db *db);
@@ -366,15 +367,16 @@ ZOR_API void *zor_reg_rec(const zor_reg_entry *entry);
  * now on; with `notify_existing`, at once for the existing ones too.
  */
 ZOR_API zor_reg_notifier *zor_register_rec_create(zor_reg_ds *ds, zor_reg_rec_info *rec_info,
-                                          zor_reg_rec_fn cb, void *ctx, int notify_existing);
+                                                  zor_reg_rec_fn cb, void *ctx,
+                                                  int notify_existing);
 
 /* Calls `cb(rec, ctx)` for every record of the kind reported deleted. */
 ZOR_API zor_reg_notifier *zor_register_rec_delete(zor_reg_ds *ds, zor_reg_rec_info *rec_info,
-                                          zor_reg_rec_fn cb, void *ctx);
+                                                  zor_reg_rec_fn cb, void *ctx);
 
 /* Calls `cb` before every change of `field` (a value field or a flag) on a record. */
 ZOR_API zor_reg_notifier *zor_register_field_update(zor_reg_ds *ds, zor_reg_field_info *field,
-                                            zor_reg_field_fn cb, void *ctx);
+                                                    zor_reg_field_fn cb, void *ctx);
 
 /*
  * An update registration on the kind, at the level given by `flags`
@@ -382,12 +384,13 @@ ZOR_API zor_reg_notifier *zor_register_field_update(zor_reg_ds *ds, zor_reg_fiel
  * enabled yet.
  */
 ZOR_API zor_reg_rec_update *zor_register_rec_update(zor_reg_ds *ds, zor_reg_rec_info *rec_info,
-                                            uint32_t flags, zor_reg_update_fn cb, void *ctx);
+                                                    uint32_t flags, zor_reg_update_fn cb,
+                                                    void *ctx);
 
 /* As zor_register_rec_update, then watches the `field_count` (> 0) fields that follow. */
 ZOR_API zor_reg_rec_update *zor_register_rec_update_v(zor_reg_ds *ds, zor_reg_rec_info *rec_info,
-                                              uint32_t flags, zor_reg_update_fn cb, void *ctx,
-                                              size_t field_count, ...);
+                                                      uint32_t flags, zor_reg_update_fn cb,
+                                                      void *ctx, size_t field_count, ...);
 
 /* Watches `field` too, and (unless ZOR_REG_NO_CTRL_FLAGS) its chain of control flags. */
 ZOR_API void zor_reg_rec_update_field_add(zor_reg_rec_update *reg, zor_reg_field_info *field);
@@ -433,7 +436,7 @@ ZOR_API int zor_reg_flag_get_explicit(const void *rec, zor_reg_field_info *flag)
  * for. `flag` is the notifier's is_set and must be 1.
  */
 ZOR_API void zor_reg_rec_delete_pending(void *rec, const zor_reg_field_info *field, int flag,
-                                const void *value, void *ctx);
+                                        const void *value, void *ctx);
 
 /* ---- processing ---------------------------------------------------------- */
 
@@ -461,7 +464,7 @@ ZOR_API int zor_reg_info_is_record_deleting(const zor_reg_entry *entry);
  * after the callback returns.
  */
 ZOR_API void zor_reg_info_iter(zor_reg_cb_info *info, zor_iter **set_iter, zor_iter **del_iter,
-                       uint32_t *set_count, uint32_t *del_count);
+                               uint32_t *set_count, uint32_t *del_count);
 
 /* ---- removal and tracking ------------------------------------------------ */
 
@@ -484,8 +487,8 @@ ZOR_API int zor_reg_db_rec_rmv_cb(zor_reg_cb_info *cb_info, zor_iter *entries, v
  * those of zor_register_rec_update. Like any registration it watches no
  * field yet: add fields with zor_reg_rec_update_field_add, then enable it.
  */
-ZOR_API zor_reg_rec_update *zor_reg_track(zor_reg_ds *ds, zor_reg_rec_info *rec_info, uint32_t flags,
-                                  zor_reg_field_info *flag, int invert);
+ZOR_API zor_reg_rec_update *zor_reg_track(zor_reg_ds *ds, zor_reg_rec_info *rec_info,
+                                          uint32_t flags, zor_reg_field_info *flag, int invert);
 
 /* The two callbacks behind zor_reg_track; ctx is the flag. Both return 1. */
 ZOR_API int zor_reg_track_deleting_cb(zor_reg_cb_info *info, zor_iter *entries, void *ctx);
