@@ -12,52 +12,22 @@
 #include <limits>
 #include <type_traits>
 
-static_assert(offsetof(zor_datatype_info, local_id) == 0, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, size) == 8, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, properties) == 16, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, str) == 24, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, parse) == 32, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, copy) == 40, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, write) == 48, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, cmp_eq) == 56, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, cmp) == 64, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, free) == 72, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, init) == 80, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, id) == 88, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, parent_id) == 92, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, ns_id) == 96, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, priv) == 104, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_reg_info, name) == 0, "zor_datatype_reg_info field order");
-static_assert(offsetof(zor_datatype_reg_info, parent) == 8, "zor_datatype_reg_info field order");
-static_assert(offsetof(zor_datatype_reg_info, info) == 16, "zor_datatype_reg_info field order");
-static_assert(offsetof(zor_opaque, length) == 0, "zor_opaque field order");
-static_assert(offsetof(zor_opaque, bytes) == 8, "zor_opaque field order");
-static_assert(sizeof(zor_opaque) == 16, "an opaque value takes 16 bytes");
-static_assert(offsetof(zor_hash_table, size) == 0, "zor_hash_table field order");
-static_assert(offsetof(zor_hash_table, min_size) == 8, "zor_hash_table field order");
-static_assert(offsetof(zor_hash_table, count) == 16, "zor_hash_table field order");
-static_assert(offsetof(zor_hash_table, node_offset) == 24, "zor_hash_table field order");
-static_assert(offsetof(zor_hash_table, get_key) == 32, "zor_hash_table field order");
-static_assert(offsetof(zor_hash_table, hash) == 40, "zor_hash_table field order");
-static_assert(offsetof(zor_hash_table, table) == 48, "zor_hash_table field order");
-static_assert(offsetof(zor_hash_table, iter) == 56, "zor_hash_table field order");
-static_assert(offsetof(zor_hash_node, hash) == 0, "zor_hash_node field order");
-static_assert(offsetof(zor_hash_node, next) == 8, "zor_hash_node field order");
-static_assert(offsetof(zor_dict, size) == 0, "zor_dict field order");
-static_assert(offsetof(zor_dict, next_id) == 8, "zor_dict field order");
-static_assert(offsetof(zor_dict, free_id) == 12, "zor_dict field order");
-static_assert(offsetof(zor_dict, has_free_ids) == 16, "zor_dict field order");
-static_assert(offsetof(zor_dict, entries) == 24, "zor_dict field order");
-static_assert(offsetof(zor_dict, table) == 32, "zor_dict field order");
-static_assert(offsetof(zor_dict, free_data) == 40, "zor_dict field order");
-static_assert(offsetof(zor_dict_entry, record) == 0, "zor_dict_entry field order");
-static_assert(offsetof(zor_dict_entry, next_free) == 8, "zor_dict_entry field order");
-static_assert(offsetof(zor_dict_rec, node) == 0, "zor_dict_rec: node first (table offset 0)");
-static_assert(offsetof(zor_dict_rec, id) == 16, "zor_dict_rec field order");
-static_assert(offsetof(zor_dict_rec, refcount) == 20, "zor_dict_rec field order");
-static_assert(offsetof(zor_dict_rec, data) == 24, "zor_dict_rec field order");
-static_assert(offsetof(zor_dict_rec, len) == 32, "zor_dict_rec field order");
-static_assert(offsetof(zor_dict_rec, text) == 40, "zor_dict_rec field order");
+#include "zor_layout.h"
+
+/*
+ * Field orders. The hash table and the dictionary live in headers only;
+ * their checks are here, with the datatype database built on them. The
+ * dictionary's table finds a record's node at offset 0.
+ */
+ZOR_LAYOUT(zor_datatype_info, 100, local_id, size, properties, str, parse, copy, write, cmp_eq, cmp,
+           free, init, id, parent_id, ns_id, priv);
+ZOR_LAYOUT(zor_datatype_reg_info, 128, name, parent, info);
+ZOR_LAYOUT(zor_opaque, 16, length, bytes);
+ZOR_LAYOUT(zor_hash_table, 112, size, min_size, count, node_offset, get_key, hash, table, iter);
+ZOR_LAYOUT(zor_hash_node, 16, hash, next);
+ZOR_LAYOUT(zor_dict, 44, size, next_id, free_id, has_free_ids, entries, table, free_data);
+ZOR_LAYOUT(zor_dict_entry, 12, record, next_free);
+ZOR_LAYOUT(zor_dict_rec, 40, node, id, refcount, data, len, text);
 
 const char *zor_datatype_str(const void *value, const zor_datatype_info *info)
 {
