@@ -183,6 +183,12 @@ static inline uint32_t zor_dict_ref_get(zor_dict *dict, zor_str text)
     return id;
 }
 
+/*
+ * The functions below that take a live id check it themselves, so that a
+ * failed check names the function called. The text "id != 0xFFFFFFFF" is
+ * the one callers expect, hence the bare number (ZOR_DICT_INVALID_ID).
+ */
+
 /* The live record of `id`; stops the process for an id not live. */
 static inline zor_dict_rec *zor_dict_id_get_rec(zor_dict *dict, uint32_t id)
 {

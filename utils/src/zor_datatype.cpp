@@ -118,7 +118,7 @@ static void zor_datatype_resolve(zor_dict *db, zor_datatype_info *info)
     zor_datatype_info *chain[ZOR_DATATYPE_CHAIN_MAX];
     uint32_t n = 0;
     chain[n++] = info;
-    for (zor_datatype_info *cur = info; cur->parent_id != 0xFFFFFFFF;) {
+    for (zor_datatype_info *cur = info; cur->parent_id != ZOR_DICT_INVALID_ID;) {
         zor_datatype_info *parent =
             n < ZOR_DATATYPE_CHAIN_MAX ? zor_datatype_info_id(db, cur->parent_id) : nullptr;
         if (parent == nullptr) {
@@ -194,7 +194,7 @@ uint32_t zor_datatype_register(zor_dict *db, zor_str ns, uint64_t count,
         info->ns_id = ns_id;
         info->parent_id = reg_info[i].parent != nullptr
                               ? zor_dict_ref_get(db, zor_str_init(reg_info[i].parent))
-                              : 0xFFFFFFFF;
+                              : ZOR_DICT_INVALID_ID;
         zor_dict_id_get_rec(db, id)->data = info;
         if (out != nullptr)
             out[i] = info;
@@ -202,6 +202,9 @@ uint32_t zor_datatype_register(zor_dict *db, zor_str ns, uint64_t count,
     zor_datatype_flatten(db);
     return ns_id;
 }
+
+/* An inherited mark that "str" carries; the library reads none of them. */
+#define ZOR_DATATYPE_STR_MARK 0x80
 
 /* The core types, registered under "core" in every database. */
 static zor_datatype_reg_info zor_datatype_core_type(const char *name, const char *parent,
@@ -243,7 +246,7 @@ uint32_t zor_datatype_db_init(zor_dict *db, uint64_t size)
     t->info.str = zor_datatype_str_flag;
     t++;
 
-    *t = zor_datatype_core_type("str", "mem", sizeof(zor_string_id), 0x80);
+    *t = zor_datatype_core_type("str", "mem", sizeof(zor_string_id), ZOR_DATATYPE_STR_MARK);
     t->info.str = zor_datatype_str_string;
     t->info.parse = zor_datatype_parse_string;
     t->info.write = zor_datatype_write_string;
@@ -475,7 +478,7 @@ int zor_datatype_parse_int(const char *text, size_t len, const zor_datatype_info
     case 8:
         return zor_datatype_store_in_range<int64_t>(value, buff);
     default:
-        ZOR_ASSERT(0);
+        ZOR_ASSERT(0); /* no integer has this size; "0" is the text callers expect */
         return 0;
     }
 }
@@ -497,7 +500,7 @@ int zor_datatype_parse_uint(const char *text, size_t len, const zor_datatype_inf
     case 8:
         return zor_datatype_store_in_range<uint64_t>(value, buff);
     default:
-        ZOR_ASSERT(0);
+        ZOR_ASSERT(0); /* no integer has this size; "0" is the text callers expect */
         return 0;
     }
 }
@@ -505,6 +508,9 @@ int zor_datatype_parse_uint(const char *text, size_t len, const zor_datatype_inf
 /* ---- the strings dictionary and "str" ------------------------------------------------ */
 
 static zor_dict zor_datatype_strings;
+
+/* Texts the strings dictionary is made for at first; it grows as needed. */
+#define ZOR_DATATYPE_STRINGS_SIZE 128
 
 /* Interns "<unset>", which must become id 0. */
 static void zor_datatype_strings_init(void)
@@ -516,7 +522,7 @@ static void zor_datatype_strings_init(void)
 void zor_datatype_init(void)
 {
     memset(&zor_datatype_strings, 0, sizeof(zor_datatype_strings));
-    zor_dict_init(&zor_datatype_strings, 128, nullptr);
+    zor_dict_init(&zor_datatype_strings, ZOR_DATATYPE_STRINGS_SIZE, nullptr);
     zor_datatype_strings_init();
 }
 
