@@ -14,6 +14,7 @@ packages=(
   libxxhash-dev                   # hashing
   rapidjson-dev                   # benchmark baselines
   valgrind                        # memcheck
+  clang-format                    # the code style check of .ci/run
 )
 
 missing=()

@@ -79,16 +79,17 @@ typedef struct zor_buffer {
  * zor_printf returns 0. A block it appended for the attempt stays, empty,
  * and serves later writes.
  */
-int zor_printf(zor_buffer *b, const char *format, ...) __attribute__((format(printf, 2, 3)));
+ZOR_API int zor_printf(zor_buffer *b, const char *format, ...)
+    __attribute__((format(printf, 2, 3)));
 
 /* Appends one byte, the low 8 bits of `c`. Returns 1. */
-int zor_putc(zor_buffer *b, int c);
+ZOR_API int zor_putc(zor_buffer *b, int c);
 
 /*
  * Appends `len` bytes copied from `bytes` (which may be null when `len` is
  * 0), whole, to one block. `len` must be below 2 GiB. Returns 1.
  */
-int zor_write(zor_buffer *b, const void *bytes, uint64_t len);
+ZOR_API int zor_write(zor_buffer *b, const void *bytes, uint64_t len);
 
 /*
  * Fills up to `count` entries of `vector` with the unconsumed bytes, one
@@ -97,7 +98,7 @@ int zor_write(zor_buffer *b, const void *bytes, uint64_t len);
  * positive or the buffer has no block. The entries point into the blocks
  * and stay valid until the buffer is next consumed, output or freed.
  */
-int32_t zor_buffer_iovs(zor_buffer *b, struct iovec *vector, int32_t count);
+ZOR_API int32_t zor_buffer_iovs(zor_buffer *b, struct iovec *vector, int32_t count);
 
 /*
  * Drops the first `count` unconsumed bytes (`count` must not exceed
@@ -105,7 +106,7 @@ int32_t zor_buffer_iovs(zor_buffer *b, struct iovec *vector, int32_t count);
  * with no text (even by a count of 0), except the last block, which is kept
  * empty so that later writes reuse it.
  */
-void zor_buffer_consume(zor_buffer *b, uint64_t count);
+ZOR_API void zor_buffer_consume(zor_buffer *b, uint64_t count);
 
 /*
  * Writes the unconsumed bytes to descriptor `fd` with pk_write, one block at
@@ -114,35 +115,24 @@ void zor_buffer_consume(zor_buffer *b, uint64_t count);
  * blocks stay in the buffer. Failures are not reported; compare b->size
  * with 0 to see whether everything went out.
  */
-void zor_buffer_output(zor_buffer *b, int32_t fd);
+ZOR_API void zor_buffer_output(zor_buffer *b, int32_t fd);
 
 /*
  * Returns a fresh NUL-terminated copy of all unconsumed bytes and their
  * number; the buffer is not changed. The caller frees result.ptr with
  * free(). An empty buffer gives a one-byte allocation holding 0 and len 0.
  */
-zor_str zor_buffer_flatten(zor_buffer *b);
+ZOR_API zor_str zor_buffer_flatten(zor_buffer *b);
 
 /* Frees every block and zeroes the record: it is an empty buffer again. */
-void zor_buffer_free(zor_buffer *b);
+ZOR_API void zor_buffer_free(zor_buffer *b);
 
 /*
  * Sets the process-wide default block size (initially 1024) read at the
  * start of every write call. 0 is allowed: blocks are then sized to what
  * each attempt needs.
  */
-void zor_buffer_set_default_size(uint32_t size);
-
-/*
- * The platform's write primitive, a thin layer over POSIX write(2): writes
- * all `len` bytes of `bytes` to `fd`, retrying after an interruption by a
- * signal (EINTR) and after a short write. Returns 0 when every byte was
- * written (at once for `len` 0, without calling write(2)), or -1 with errno
- * set by write(2) when a write fails; bytes written before the failure
- * have gone out. A non-blocking descriptor that is full fails with EAGAIN.
- * Writing to a pipe with no reader raises SIGPIPE unless it is ignored.
- */
-int pk_write(int32_t fd, const void *bytes, uint64_t len);
+ZOR_API void zor_buffer_set_default_size(uint32_t size);
 
 #ifdef __cplusplus
 }

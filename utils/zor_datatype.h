@@ -91,13 +91,13 @@ struct zor_datatype_info {
 };
 
 /* "<Unknown>" when `info` is null or has no str; else info->str(value, info). */
-const char *zor_datatype_str(const void *value, const zor_datatype_info *info);
+ZOR_API const char *zor_datatype_str(const void *value, const zor_datatype_info *info);
 
 /*
  * 1 when `info` has cmp_eq and it finds a and b equal, else 0 (also for a
  * null `info`). Note the inversion: the operation answers 0 for equal.
  */
-int zor_datatype_cmp_eq(const void *a, const void *b, const zor_datatype_info *info);
+ZOR_API int zor_datatype_cmp_eq(const void *a, const void *b, const zor_datatype_info *info);
 
 /* ---- the datatype database ---------------------------------------------- */
 
@@ -131,7 +131,7 @@ typedef struct zor_datatype_reg_info {
  * core types under "core". Returns the id of "core", always 0. Tear the
  * database down with zor_dict_destroy(db), which frees every descriptor.
  */
-uint32_t zor_datatype_db_init(zor_dict *db, uint64_t size);
+ZOR_API uint32_t zor_datatype_db_init(zor_dict *db, uint64_t size);
 
 /*
  * Registers `count` types of `reg_info` under the namespace `ns` and
@@ -143,9 +143,9 @@ uint32_t zor_datatype_db_init(zor_dict *db, uint64_t size);
  * `out` is not null, out[i] receives the descriptor of entry i; descriptors
  * stay valid for the database's life. Returns the id of the namespace name.
  */
-uint32_t zor_datatype_register(zor_dict *db, zor_str ns, uint64_t count,
-                               const zor_datatype_reg_info *reg_info, int local_id_is_index,
-                               zor_datatype_info **out);
+ZOR_API uint32_t zor_datatype_register(zor_dict *db, zor_str ns, uint64_t count,
+                                       const zor_datatype_reg_info *reg_info, int local_id_is_index,
+                                       zor_datatype_info **out);
 
 /*
  * Resolves every registered type: through its parent chain (at most 127
@@ -157,26 +157,26 @@ uint32_t zor_datatype_register(zor_dict *db, zor_str ns, uint64_t count,
  * ZOR_DATATYPE_PROP_UNRESOLVED instead and is otherwise left alone.
  * Calling it again is harmless.
  */
-void zor_datatype_flatten(zor_dict *db);
+ZOR_API void zor_datatype_flatten(zor_dict *db);
 
 /* The descriptor registered under the name with `id`, or null for a name that is no type. */
-zor_datatype_info *zor_datatype_info_id(zor_dict *db, uint32_t id);
+ZOR_API zor_datatype_info *zor_datatype_info_id(zor_dict *db, uint32_t id);
 
 /*
  * The next buffer (ZOR_DATATYPE_BUF_SIZE bytes, first byte NUL) of the
  * process-wide display ring; it is handed out again 16 calls later.
  */
-char *zor_datatype_buf_get(void);
+ZOR_API char *zor_datatype_buf_get(void);
 
 /* Frees a descriptor and its priv block (the database's free_data). */
-void zor_datatype_info_free(void *info);
+ZOR_API void zor_datatype_info_free(void *info);
 
 /*
  * `count` bytes as two-digit lowercase hex pairs separated by spaces, in a
  * ring buffer: at most 340 pairs, followed by " ..." when bytes were left
  * out. "(null)" for a null pointer, "" for 0 bytes.
  */
-const char *zor_datatype_hex_dump(const void *bytes, uint64_t count);
+ZOR_API const char *zor_datatype_hex_dump(const void *bytes, uint64_t count);
 
 /* ---- core type operations -----------------------------------------------------
  * All have the operation shapes above. Integer types ("int", "uint" and
@@ -194,34 +194,35 @@ typedef struct zor_opaque {
 } zor_opaque;
 
 /* "mem": hex dump, raw copy (null src zero-fills), memcmp over size bytes. */
-const char *zor_datatype_str_mem(const void *value, const zor_datatype_info *info);
-void zor_datatype_copy_mem(void *dst, const void *src, const zor_datatype_info *info);
-int zor_datatype_cmp_mem(const void *a, const void *b, const zor_datatype_info *info);
+ZOR_API const char *zor_datatype_str_mem(const void *value, const zor_datatype_info *info);
+ZOR_API void zor_datatype_copy_mem(void *dst, const void *src, const zor_datatype_info *info);
+ZOR_API int zor_datatype_cmp_mem(const void *a, const void *b, const zor_datatype_info *info);
 
 /*
  * "opaque": write duplicates the source's bytes (dst freed first); cmp
  * orders by length, then bytes; free releases the block.
  */
-const char *zor_datatype_str_opaque(const void *value, const zor_datatype_info *info);
-void zor_datatype_write_opaque(void *dst, const void *src, const zor_datatype_info *info);
-int zor_datatype_cmp_opaque(const void *a, const void *b, const zor_datatype_info *info);
-void zor_datatype_free_opaque(void *value, const zor_datatype_info *info,
-                              const struct zor_reg_field_info *field);
+ZOR_API const char *zor_datatype_str_opaque(const void *value, const zor_datatype_info *info);
+ZOR_API void zor_datatype_write_opaque(void *dst, const void *src, const zor_datatype_info *info);
+ZOR_API int zor_datatype_cmp_opaque(const void *a, const void *b, const zor_datatype_info *info);
+ZOR_API void zor_datatype_free_opaque(void *value, const zor_datatype_info *info,
+                                      const struct zor_reg_field_info *field);
 
 /* "flag": "present". */
-const char *zor_datatype_str_flag(const void *value, const zor_datatype_info *info);
+ZOR_API const char *zor_datatype_str_flag(const void *value, const zor_datatype_info *info);
 
 /* "int", "uint": decimal display and parse by the descriptor's size. */
-const char *zor_datatype_str_int(const void *value, const zor_datatype_info *info);
-int zor_datatype_parse_int(const char *text, size_t len, const zor_datatype_info *info, void *buff);
-const char *zor_datatype_str_uint(const void *value, const zor_datatype_info *info);
-int zor_datatype_parse_uint(const char *text, size_t len, const zor_datatype_info *info,
-                            void *buff);
+ZOR_API const char *zor_datatype_str_int(const void *value, const zor_datatype_info *info);
+ZOR_API int zor_datatype_parse_int(const char *text, size_t len, const zor_datatype_info *info,
+                                   void *buff);
+ZOR_API const char *zor_datatype_str_uint(const void *value, const zor_datatype_info *info);
+ZOR_API int zor_datatype_parse_uint(const char *text, size_t len, const zor_datatype_info *info,
+                                    void *buff);
 
 /* "bool": a 4-byte int 1 or 0, shown and parsed as exactly "true" / "false". */
-const char *zor_datatype_str_bool(const void *value, const zor_datatype_info *info);
-int zor_datatype_parse_bool(const char *text, size_t len, const zor_datatype_info *info,
-                            void *buff);
+ZOR_API const char *zor_datatype_str_bool(const void *value, const zor_datatype_info *info);
+ZOR_API int zor_datatype_parse_bool(const char *text, size_t len, const zor_datatype_info *info,
+                                    void *buff);
 
 /* ---- the interned string type ------------------------------------------------ */
 
@@ -232,19 +233,19 @@ int zor_datatype_parse_bool(const char *text, size_t len, const zor_datatype_inf
 typedef uint32_t zor_string_id;
 
 /* Creates the strings dictionary ("<unset>" becomes id 0). Once per process, or after cleanup. */
-void zor_datatype_init(void);
+ZOR_API void zor_datatype_init(void);
 
 /* Destroys the strings dictionary; every id handed out becomes invalid. */
-void zor_datatype_cleanup(void);
+ZOR_API void zor_datatype_cleanup(void);
 
 /* The strings dictionary itself. */
-zor_dict *zor_datatype_strings_dict_get(void);
+ZOR_API zor_dict *zor_datatype_strings_dict_get(void);
 
 /* Interns `text` and returns its id with one new reference, owned by the caller. */
-zor_string_id zor_datatype_string_ref_get(zor_str text);
+ZOR_API zor_string_id zor_datatype_string_ref_get(zor_str text);
 
 /* The text of a live id (NUL-terminated), without taking a reference. */
-zor_str zor_datatype_string_from_id(zor_string_id id);
+ZOR_API zor_str zor_datatype_string_from_id(zor_string_id id);
 
 /*
  * "str" operations. parse interns the text (any bytes) and stores its id,
@@ -255,13 +256,13 @@ zor_str zor_datatype_string_from_id(zor_string_id id);
  * cmp orders the texts (strncmp, then shorter first). cmp_eq (id equality)
  * and copy (no reference taken) come from "mem".
  */
-int zor_datatype_parse_string(const char *text, size_t len, const zor_datatype_info *info,
-                              void *buff);
-const char *zor_datatype_str_string(const void *value, const zor_datatype_info *info);
-void zor_datatype_write_string(void *dst, const void *src, const zor_datatype_info *info);
-int zor_datatype_cmp_string(const void *a, const void *b, const zor_datatype_info *info);
-void zor_datatype_free_string(void *value, const zor_datatype_info *info,
-                              const struct zor_reg_field_info *field);
+ZOR_API int zor_datatype_parse_string(const char *text, size_t len, const zor_datatype_info *info,
+                                      void *buff);
+ZOR_API const char *zor_datatype_str_string(const void *value, const zor_datatype_info *info);
+ZOR_API void zor_datatype_write_string(void *dst, const void *src, const zor_datatype_info *info);
+ZOR_API int zor_datatype_cmp_string(const void *a, const void *b, const zor_datatype_info *info);
+ZOR_API void zor_datatype_free_string(void *value, const zor_datatype_info *info,
+                                      const struct zor_reg_field_info *field);
 
 #ifdef __cplusplus
 }

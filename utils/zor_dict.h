@@ -191,12 +191,24 @@ static inline uint32_t zor_dict_ref_get(zor_dict *dict, zor_str text)
     return id;
 }
 
+/* The record of `id`, an id below next_id, or null while the id is free. */
+static inline zor_dict_rec *zor_dict_entry_record(const zor_dict *dict, uint32_t id)
+{
+    const zor_dict_entry *entry = dict->entries[id];
+    return entry != ZOR_NULL ? entry->record : (zor_dict_rec *)ZOR_NULL;
+}
+
+/*
+ * The functions below that take a live id check it themselves, so that a
+ * failed check names the function called. The text "id != 0xFFFFFFFF" is
+ * the one callers expect, hence the bare number (ZOR_DICT_INVALID_ID).
+ */
+
 /* The live record of `id`; stops the process for an id not live. */
 static inline zor_dict_rec *zor_dict_id_get_rec(zor_dict *dict, uint32_t id)
 {
     ZOR_ASSERT(id < dict->next_id);
-    zor_dict_entry *entry = dict->entries[id];
-    zor_dict_rec *record = entry != ZOR_NULL ? entry->record : (zor_dict_rec *)ZOR_NULL;
+    zor_dict_rec *record = zor_dict_entry_record(dict, id);
     ZOR_ASSERT(record != ZOR_NULL);
     return record;
 }
@@ -205,9 +217,9 @@ static inline zor_dict_rec *zor_dict_id_get_rec(zor_dict *dict, uint32_t id)
 static inline zor_dict_rec *zor_dict_get_record(zor_dict *dict, uint32_t id)
 {
     ZOR_ASSERT(id != 0xFFFFFFFF);
-    if (id >= dict->next_id || dict->entries[id] == ZOR_NULL)
+    if (id >= dict->next_id)
         return (zor_dict_rec *)ZOR_NULL;
-    return dict->entries[id]->record;
+    return zor_dict_entry_record(dict, id);
 }
 
 /* One more reference on the live `id`. */
@@ -215,8 +227,7 @@ static inline void zor_dict_id_add_ref(zor_dict *dict, uint32_t id)
 {
     ZOR_ASSERT(id < dict->next_id);
     ZOR_ASSERT(id != 0xFFFFFFFF);
-    zor_dict_entry *entry = dict->entries[id];
-    zor_dict_rec *record = entry != ZOR_NULL ? entry->record : (zor_dict_rec *)ZOR_NULL;
+    zor_dict_rec *record = zor_dict_entry_record(dict, id);
     ZOR_ASSERT(record != ZOR_NULL);
     record->refcount++;
 }
@@ -245,8 +256,7 @@ static inline void zor_dict_id_remove_ref(zor_dict *dict, uint32_t id)
 {
     ZOR_ASSERT(id < dict->next_id);
     ZOR_ASSERT(id != 0xFFFFFFFF);
-    zor_dict_entry *entry = dict->entries[id];
-    zor_dict_rec *record = entry != ZOR_NULL ? entry->record : (zor_dict_rec *)ZOR_NULL;
+    zor_dict_rec *record = zor_dict_entry_record(dict, id);
     ZOR_ASSERT(record != ZOR_NULL);
     if (--record->refcount > 0)
         return;

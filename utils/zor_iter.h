@@ -72,18 +72,18 @@ typedef struct zor_iter_chain_info {
  * state. Sets next_item to null and fresh to 1; count and finished are set
  * by the walk.
  */
-void zor_iter_init(zor_iter *iter, zor_iter_fn first, zor_iter_fn next, zor_iter_free_fn free,
-                   void *info);
+ZOR_API void zor_iter_init(zor_iter *iter, zor_iter_fn first, zor_iter_fn next,
+                           zor_iter_free_fn free, void *info);
 
 /*
  * Wraps every constructor call: when `ok` is 0 the constructor had nothing
  * to walk, and `iter` becomes the empty iterator; otherwise `iter` is left
  * as the constructor filled it.
  */
-void zor_iter_create(zor_iter *iter, int ok);
+ZOR_API void zor_iter_create(zor_iter *iter, int ok);
 
 /* The item function of the empty iterator: always null. */
-void *zor_iter_empty_fn(void *item, void *info);
+ZOR_API void *zor_iter_empty_fn(void *item, void *info);
 
 /*
  * Makes `iter` walk, for every item of an outer iterator, the items of a
@@ -91,7 +91,7 @@ void *zor_iter_empty_fn(void *item, void *info);
  * fills the outer iterator; `create(it, parent, arg)` fills an inner one.
  * Parents whose inner iterator yields nothing are skipped. Returns 1.
  */
-int zor_iter_nested_iterator(zor_iter *iter, zor_iter_nested_fn create, void *arg);
+ZOR_API int zor_iter_nested_iterator(zor_iter *iter, zor_iter_nested_fn create, void *arg);
 
 /*
  * Makes `iter` walk the `count` iterators in `iters` one after another. The
@@ -100,7 +100,7 @@ int zor_iter_nested_iterator(zor_iter *iter, zor_iter_nested_fn create, void *ar
  * empty members are skipped. A chain of no iterators yields nothing.
  * Returns 1.
  */
-int zor_iter_chain_iterator(zor_iter *iter, uint32_t count, zor_iter **iters);
+ZOR_API int zor_iter_chain_iterator(zor_iter *iter, uint32_t count, zor_iter **iters);
 
 /* Returns the item after the last one handed out, or null at the end. */
 static inline void *zor_iter_next(zor_iter *iter)

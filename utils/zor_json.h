@@ -54,14 +54,15 @@ typedef struct zor_json_ctx {
 } zor_json_ctx;
 
 /* Zeroes `ctx` and sets its buffer and the two sizes (low 8 bits kept). */
-void zor_json_init(zor_json_ctx *ctx, zor_buffer *buffer, uint32_t indent_size, uint32_t indent);
+ZOR_API void zor_json_init(zor_json_ctx *ctx, zor_buffer *buffer, uint32_t indent_size,
+                           uint32_t indent);
 
 /* Opens / closes an object that is an array element or a top-level value. */
-void zor_json_start_obj(zor_json_ctx *ctx);
-void zor_json_end_obj(zor_json_ctx *ctx);
+ZOR_API void zor_json_start_obj(zor_json_ctx *ctx);
+ZOR_API void zor_json_end_obj(zor_json_ctx *ctx);
 
 /* Opens an object that is the value of `key`; close it with zor_json_end_obj. */
-void zor_json_start_obj_pair(zor_json_ctx *ctx, const char *key);
+ZOR_API void zor_json_start_obj_pair(zor_json_ctx *ctx, const char *key);
 
 /*
  * Opens an array that is an array element or a top-level value, one value
@@ -69,25 +70,25 @@ void zor_json_start_obj_pair(zor_json_ctx *ctx, const char *key);
  * open inside a one-value-per-line array: opening one more stops the
  * process (one-line arrays may nest deeper).
  */
-void zor_json_start_arr(zor_json_ctx *ctx, int layout);
+ZOR_API void zor_json_start_arr(zor_json_ctx *ctx, int layout);
 
 /* Opens an array that is the value of `key`, as zor_json_start_arr. */
-void zor_json_start_arr_pair(zor_json_ctx *ctx, const char *key, int layout);
+ZOR_API void zor_json_start_arr_pair(zor_json_ctx *ctx, const char *key, int layout);
 
 /* Closes the innermost array, however it was opened. */
-void zor_json_end_arr(zor_json_ctx *ctx);
+ZOR_API void zor_json_end_arr(zor_json_ctx *ctx);
 
 /* Writes one array value, quoted (strings) or unquoted (numbers, true,
  * false, null). */
-void zor_json_arr_val_quotes(zor_json_ctx *ctx, const char *format, ...)
+ZOR_API void zor_json_arr_val_quotes(zor_json_ctx *ctx, const char *format, ...)
     __attribute__((format(printf, 2, 3)));
-void zor_json_arr_val_noquotes(zor_json_ctx *ctx, const char *format, ...)
+ZOR_API void zor_json_arr_val_noquotes(zor_json_ctx *ctx, const char *format, ...)
     __attribute__((format(printf, 2, 3)));
 
 /* Writes one object member `key` with its value quoted or unquoted. */
-void zor_json_pair_quotes(zor_json_ctx *ctx, const char *key, const char *format, ...)
+ZOR_API void zor_json_pair_quotes(zor_json_ctx *ctx, const char *key, const char *format, ...)
     __attribute__((format(printf, 3, 4)));
-void zor_json_pair_noquotes(zor_json_ctx *ctx, const char *key, const char *format, ...)
+ZOR_API void zor_json_pair_noquotes(zor_json_ctx *ctx, const char *key, const char *format, ...)
     __attribute__((format(printf, 3, 4)));
 
 #ifdef __cplusplus

@@ -101,7 +101,7 @@ static inline void zor_list_remove(zor_list *list, void *element)
  * The walker may unlink or free the element it holds, and no other. Returns
  * 1; call it as zor_iter_create(iter, zor_list_iterator(iter, state, list)).
  */
-int zor_list_iterator(zor_iter *iter, zor_list_iter_state *state, zor_list *list);
+ZOR_API int zor_list_iterator(zor_iter *iter, zor_list_iter_state *state, zor_list *list);
 
 #ifdef __cplusplus
 }

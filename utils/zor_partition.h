@@ -72,48 +72,49 @@ typedef struct zor_partition_entries_state {
 typedef void (*zor_partition_process_fn)(uint32_t count, zor_iter *iter, void *data);
 
 /* Clears `p` and allocates its first slot array of `size` slots. */
-void zor_partition_create(zor_partition *p, uint32_t size);
+ZOR_API void zor_partition_create(zor_partition *p, uint32_t size);
 
 /* Makes the caller's record `b` an empty bucket of `p` holding `data`. */
-void zor_partition_bucket_add(zor_partition *p, zor_partition_bucket *b, void *data);
+ZOR_API void zor_partition_bucket_add(zor_partition *p, zor_partition_bucket *b, void *data);
 
 /* Appends `entry` (not null) to bucket `b`. Constant time; inlinable (below). */
-void zor_partition_entry_add(zor_partition_bucket *b, void *entry);
+ZOR_API void zor_partition_entry_add(zor_partition_bucket *b, void *entry);
 
 /*
  * Adds a slot array of next_size slots in front of the partition's arrays
  * and doubles next_size; returns the new array. Called by the append when
  * the newest array is full; not needed by callers otherwise.
  */
-zor_partition_elems *zor_partition_grow(zor_partition *p);
+ZOR_API zor_partition_elems *zor_partition_grow(zor_partition *p);
 
 /* Makes `iter` walk the buckets of `p`, most recently added first. Returns 1. */
-int zor_partition_buckets_iterator(zor_iter *iter, zor_partition *p);
+ZOR_API int zor_partition_buckets_iterator(zor_iter *iter, zor_partition *p);
 
 /*
  * Makes `iter` walk the entries of `b` in the order they were added, using
  * the caller's `state`. Returns 1.
  */
-int zor_partition_bucket_entries_iterator(zor_iter *iter, zor_partition_entries_state *state,
-                                          zor_partition_bucket *b);
+ZOR_API int zor_partition_bucket_entries_iterator(zor_iter *iter,
+                                                  zor_partition_entries_state *state,
+                                                  zor_partition_bucket *b);
 
 /* Calls `fn` once for `b` with its count, an entries iterator and its data. */
-void zor_partition_bucket_process(zor_partition_bucket *b, zor_partition_process_fn fn);
+ZOR_API void zor_partition_bucket_process(zor_partition_bucket *b, zor_partition_process_fn fn);
 
 /*
  * zor_partition_bucket_process for every bucket, most recently added first.
  * Buckets added by `fn` during the walk are not visited.
  */
-void zor_partition_process(zor_partition *p, zor_partition_process_fn fn);
+ZOR_API void zor_partition_process(zor_partition *p, zor_partition_process_fn fn);
 
 /*
  * Frees the slot arrays and zeroes every bucket record. next_size and
  * bucket_count keep their values; create or reset before using `p` again.
  */
-void zor_partition_destroy(zor_partition *p);
+ZOR_API void zor_partition_destroy(zor_partition *p);
 
 /* zor_partition_destroy, then zor_partition_create with 128 slots. */
-void zor_partition_reset(zor_partition *p);
+ZOR_API void zor_partition_reset(zor_partition *p);
 
 /*
  * The append is the hot path of change queueing, so its body is here for
@@ -130,15 +131,15 @@ void zor_partition_reset(zor_partition *p);
 #endif
 
 /* Takes the next free slot of `elems`. */
-zor_partition_elem *zor_partition_elem_get(zor_partition_elems *elems);
+ZOR_API zor_partition_elem *zor_partition_elem_get(zor_partition_elems *elems);
 
-ZOR_PARTITION_INLINE zor_partition_elem *zor_partition_elem_get(zor_partition_elems *elems)
+ZOR_API ZOR_PARTITION_INLINE zor_partition_elem *zor_partition_elem_get(zor_partition_elems *elems)
 {
     ZOR_ASSERT(elems->count < elems->size);
     return &elems->slots[elems->count++];
 }
 
-ZOR_PARTITION_INLINE void zor_partition_entry_add(zor_partition_bucket *b, void *entry)
+ZOR_API ZOR_PARTITION_INLINE void zor_partition_entry_add(zor_partition_bucket *b, void *entry)
 {
     zor_partition_elems *elems = b->partition->elems;
     if (__builtin_expect(elems->count == elems->size, 0))

@@ -259,55 +259,56 @@ typedef struct zor_reg_cb_trace_slot {
 } zor_reg_cb_trace_slot;
 
 /* 1 while a processing call runs (one at a time in the whole process). */
-extern uint32_t zor_reg_in_cb_processing;
+ZOR_API extern uint32_t zor_reg_in_cb_processing;
 /* Callback invocations since the current processing call began. */
-extern uint32_t zor_reg_cb_trace_count;
+ZOR_API extern uint32_t zor_reg_cb_trace_count;
 /* The last 1000 invocations; slot = invocation number mod 1000. Never read by the library. */
-extern zor_reg_cb_trace_slot zor_reg_cb_trace[1000];
+ZOR_API extern zor_reg_cb_trace_slot zor_reg_cb_trace[1000];
 
 /* ---- schema functions ---------------------------------------------------- */
 
 /* Makes `db` an empty schema. Allocates nothing. */
-void zor_reg_db_init(zor_reg_db *db);
+ZOR_API void zor_reg_db_init(zor_reg_db *db);
 
 /* Adds a record kind (id = number of kinds before it, delete_pending -1). */
-zor_reg_rec_info *zor_reg_db_rec_add(zor_reg_db *db);
+ZOR_API zor_reg_rec_info *zor_reg_db_rec_add(zor_reg_db *db);
 
 /*
  * Adds a field (or, for a size-0 type, a flag) whose value lies `offset`
  * bytes into the caller's record. `type` must be resolved
  * (ZOR_DATATYPE_PROP_FLATTENED) and outlive the schema.
  */
-zor_reg_field_info *zor_reg_db_rec_add_field(zor_reg_rec_info *rec_info, uint64_t offset,
-                                             const zor_datatype_info *type);
+ZOR_API zor_reg_field_info *zor_reg_db_rec_add_field(zor_reg_rec_info *rec_info, uint64_t offset,
+                                                     const zor_datatype_info *type);
 
 /*
  * Gives `field` a default: read when the field has no value of its own and
  * `ctrl_flag` (a flag of the same kind, or NULL) is set. Once per field;
  * `value` is the caller's and must outlive the schema.
  */
-void zor_reg_db_field_set_default(zor_reg_field_info *field, zor_reg_field_info *ctrl_flag,
-                                  const void *value);
+ZOR_API void zor_reg_db_field_set_default(zor_reg_field_info *field, zor_reg_field_info *ctrl_flag,
+                                          const void *value);
 
 /*
  * Names the kind's delete-pending flag and the callbacks run when a deleted
  * record leaves a data store (either may be NULL). Once per kind.
  */
-void zor_reg_db_rec_set_deletion_info(zor_reg_rec_info *rec, zor_reg_field_info *flag,
-                                      zor_reg_unlink_fn unlink_cb, zor_reg_free_fn free_cb);
+ZOR_API void zor_reg_db_rec_set_deletion_info(zor_reg_rec_info *rec, zor_reg_field_info *flag,
+                                              zor_reg_unlink_fn unlink_cb, zor_reg_free_fn free_cb);
 
 /*
  * Computes the kind's block layout: the caller's record of `rec_size` bytes
  * lies `rec_offset` bytes (at least sizeof(zor_reg_entry)) after the entry.
  * Call after the kind's last field has been added.
  */
-void zor_reg_db_rec_set_offsets(zor_reg_rec_info *rec_info, uint64_t rec_offset, uint64_t rec_size);
+ZOR_API void zor_reg_db_rec_set_offsets(zor_reg_rec_info *rec_info, uint64_t rec_offset,
+                                        uint64_t rec_size);
 
 /* Frees the kinds and fields; after the last data store. `db` must be initialised again. */
-void zor_reg_db_destroy(zor_reg_db *db);
+ZOR_API void zor_reg_db_destroy(zor_reg_db *db);
 
 /* The kind of a live record. */
-zor_reg_rec_info *zor_reg_db_rec_info(const zor_reg_entry *entry);
+ZOR_API zor_reg_rec_info *zor_reg_db_rec_info(const zor_reg_entry *entry);
 
 /* ---- data store functions ------------------------------------------------ */
 
@@ -319,45 +320,45 @@ zor_reg_rec_info *zor_reg_db_rec_info(const zor_reg_entry *entry);
  * any record, or a deletion queued before that pass is dropped and the
  * record is never removed.
  */
-zor_reg_ds *zor_reg_ds_init(zor_reg_db *db, void *ctx);
+ZOR_API zor_reg_ds *zor_reg_ds_init(zor_reg_db *db, void *ctx);
 
 /*
  * Frees the data store, its registrations and notifiers. Calls no record
  * callback and frees no record block. Not during processing.
  */
-void zor_reg_ds_destroy(zor_reg_ds *ds);
+ZOR_API void zor_reg_ds_destroy(zor_reg_ds *ds);
 
-void *zor_reg_ds_ctx_get(const zor_reg_ds *ds);
-void zor_reg_db_ds_rec_ctx_set(struct zor_reg_ds_rec *ds_rec, void *ctx);
-void *zor_reg_db_ds_rec_ctx_get(const struct zor_reg_ds_rec *ds_rec);
+ZOR_API void *zor_reg_ds_ctx_get(const zor_reg_ds *ds);
+ZOR_API void zor_reg_db_ds_rec_ctx_set(struct zor_reg_ds_rec *ds_rec, void *ctx);
+ZOR_API void *zor_reg_db_ds_rec_ctx_get(const struct zor_reg_ds_rec *ds_rec);
 
 /*
  * Bytes of one zero-filled record block of the kind, for the update
  * registrations the kind has now.
  */
-uint64_t zor_reg_rec_size(const zor_reg_ds *ds, const zor_reg_rec_info *rec_info);
+ZOR_API uint64_t zor_reg_rec_size(const zor_reg_ds *ds, const zor_reg_rec_info *rec_info);
 
 /*
  * Reports a new record (a zero-filled block of zor_reg_rec_size bytes, or a
  * record deleted during the active snapshot coming back): links it and
  * calls the kind's create notifiers. Queues nothing.
  */
-void zor_reg_rec_created(zor_reg_ds *ds, zor_reg_rec_info *rec_info, zor_reg_entry *entry);
+ZOR_API void zor_reg_rec_created(zor_reg_ds *ds, zor_reg_rec_info *rec_info, zor_reg_entry *entry);
 
 /* Calls the kind's delete notifiers, then unlinks the entry from the kind's entries. */
-void zor_reg_rec_deleted(zor_reg_entry *entry);
+ZOR_API void zor_reg_rec_deleted(zor_reg_entry *entry);
 
 /* Calls the kind's unlink_cb, if any. */
-void zor_reg_rec_unlink(zor_reg_entry *entry);
+ZOR_API void zor_reg_rec_unlink(zor_reg_entry *entry);
 
 /* Releases what the record's values hold, then calls the kind's free_cb, if any. */
-void zor_reg_rec_free(zor_reg_entry *entry);
+ZOR_API void zor_reg_rec_free(zor_reg_entry *entry);
 
 /* The snapshot_active word of the entry's data store. */
-uint32_t zor_reg_rec_snapshot_active(const zor_reg_entry *entry);
+ZOR_API uint32_t zor_reg_rec_snapshot_active(const zor_reg_entry *entry);
 
 /* The caller's record of an entry; NULL for a NULL entry. */
-void *zor_reg_rec(const zor_reg_entry *entry);
+ZOR_API void *zor_reg_rec(const zor_reg_entry *entry);
 
 /* ---- registrations ------------------------------------------------------- */
 
@@ -365,75 +366,77 @@ void *zor_reg_rec(const zor_reg_entry *entry);
  * Calls `cb(rec, ctx)` for every record of the kind reported created from
  * now on; with `notify_existing`, at once for the existing ones too.
  */
-zor_reg_notifier *zor_register_rec_create(zor_reg_ds *ds, zor_reg_rec_info *rec_info,
-                                          zor_reg_rec_fn cb, void *ctx, int notify_existing);
+ZOR_API zor_reg_notifier *zor_register_rec_create(zor_reg_ds *ds, zor_reg_rec_info *rec_info,
+                                                  zor_reg_rec_fn cb, void *ctx,
+                                                  int notify_existing);
 
 /* Calls `cb(rec, ctx)` for every record of the kind reported deleted. */
-zor_reg_notifier *zor_register_rec_delete(zor_reg_ds *ds, zor_reg_rec_info *rec_info,
-                                          zor_reg_rec_fn cb, void *ctx);
+ZOR_API zor_reg_notifier *zor_register_rec_delete(zor_reg_ds *ds, zor_reg_rec_info *rec_info,
+                                                  zor_reg_rec_fn cb, void *ctx);
 
 /* Calls `cb` before every change of `field` (a value field or a flag) on a record. */
-zor_reg_notifier *zor_register_field_update(zor_reg_ds *ds, zor_reg_field_info *field,
-                                            zor_reg_field_fn cb, void *ctx);
+ZOR_API zor_reg_notifier *zor_register_field_update(zor_reg_ds *ds, zor_reg_field_info *field,
+                                                    zor_reg_field_fn cb, void *ctx);
 
 /*
  * An update registration on the kind, at the level given by `flags`
  * (ZOR_REG_LEVEL_*, ZOR_REG_NO_CTRL_FLAGS). It watches no field and is not
  * enabled yet.
  */
-zor_reg_rec_update *zor_register_rec_update(zor_reg_ds *ds, zor_reg_rec_info *rec_info,
-                                            uint32_t flags, zor_reg_update_fn cb, void *ctx);
+ZOR_API zor_reg_rec_update *zor_register_rec_update(zor_reg_ds *ds, zor_reg_rec_info *rec_info,
+                                                    uint32_t flags, zor_reg_update_fn cb,
+                                                    void *ctx);
 
 /* As zor_register_rec_update, then watches the `field_count` (> 0) fields that follow. */
-zor_reg_rec_update *zor_register_rec_update_v(zor_reg_ds *ds, zor_reg_rec_info *rec_info,
-                                              uint32_t flags, zor_reg_update_fn cb, void *ctx,
-                                              size_t field_count, ...);
+ZOR_API zor_reg_rec_update *zor_register_rec_update_v(zor_reg_ds *ds, zor_reg_rec_info *rec_info,
+                                                      uint32_t flags, zor_reg_update_fn cb,
+                                                      void *ctx, size_t field_count, ...);
 
 /* Watches `field` too, and (unless ZOR_REG_NO_CTRL_FLAGS) its chain of control flags. */
-void zor_reg_rec_update_field_add(zor_reg_rec_update *reg, zor_reg_field_info *field);
+ZOR_API void zor_reg_rec_update_field_add(zor_reg_rec_update *reg, zor_reg_field_info *field);
 
 /*
  * Asks for the registration to become active at the next processing of its
  * level; with `resync`, also for a delivery of all matching records.
  */
-void zor_reg_enable(zor_reg_rec_update *reg, int resync);
+ZOR_API void zor_reg_enable(zor_reg_rec_update *reg, int resync);
 
 /* Asks for a delivery of every record that has a watched field set. */
-void zor_reg_resync(zor_reg_rec_update *reg);
+ZOR_API void zor_reg_resync(zor_reg_rec_update *reg);
 
 /* Silences the registration; what is queued for it is dropped. */
-void zor_reg_disable(zor_reg_rec_update *reg);
+ZOR_API void zor_reg_disable(zor_reg_rec_update *reg);
 
 /* ---- values -------------------------------------------------------------- */
 
 /* Sets `field` of the caller's record `rec` to *value (NULL unsets). */
-void zor_reg_field_set(void *rec, zor_reg_field_info *field, const void *value);
+ZOR_API void zor_reg_field_set(void *rec, zor_reg_field_info *field, const void *value);
 
 /* The stored value, else the default when it applies, else NULL. */
-const void *zor_reg_field_get(const void *rec, zor_reg_field_info *field);
+ZOR_API const void *zor_reg_field_get(const void *rec, zor_reg_field_info *field);
 
 /* The stored value, else NULL. */
-const void *zor_reg_field_get_explicit(const void *rec, zor_reg_field_info *field);
+ZOR_API const void *zor_reg_field_get_explicit(const void *rec, zor_reg_field_info *field);
 
 /* Sets (1) or clears (0) a flag. Any non-zero value counts as 1. */
-void zor_reg_flag_set(void *rec, zor_reg_field_info *field, int value);
+ZOR_API void zor_reg_flag_set(void *rec, zor_reg_field_info *field, int value);
 
 /* Queues the record for the registrations watching `flag`, changing nothing. */
-void zor_reg_flag_trigger(void *rec, zor_reg_field_info *flag);
+ZOR_API void zor_reg_flag_trigger(void *rec, zor_reg_field_info *flag);
 
 /* 1 when the flag is set or defaulted on, else 0. */
-int zor_reg_flag_get(const void *rec, zor_reg_field_info *flag);
+ZOR_API int zor_reg_flag_get(const void *rec, zor_reg_field_info *flag);
 
 /* 1 when the flag is set, else 0. */
-int zor_reg_flag_get_explicit(const void *rec, zor_reg_field_info *flag);
+ZOR_API int zor_reg_flag_get_explicit(const void *rec, zor_reg_field_info *flag);
 
 /*
  * The field-update notifier of a kind's delete-pending flag: queues the
  * record once more for every registration watching a field it has a value
  * for. `flag` is the notifier's is_set and must be 1.
  */
-void zor_reg_rec_delete_pending(void *rec, const zor_reg_field_info *field, int flag,
-                                const void *value, void *ctx);
+ZOR_API void zor_reg_rec_delete_pending(void *rec, const zor_reg_field_info *field, int flag,
+                                        const void *value, void *ctx);
 
 /* ---- processing ---------------------------------------------------------- */
 
@@ -442,26 +445,26 @@ void zor_reg_rec_delete_pending(void *rec, const zor_reg_field_info *field, int 
  * work is left (at most 98 passes; the 99th stops the process). Not
  * re-entrant, also across data stores.
  */
-void zor_reg_process(zor_reg_ds *ds);
+ZOR_API void zor_reg_process(zor_reg_ds *ds);
 
 /* 1 for a resync delivery. */
-uint32_t zor_reg_info_is_resync(const zor_reg_cb_info *info);
+ZOR_API uint32_t zor_reg_info_is_resync(const zor_reg_cb_info *info);
 /* Number of entries delivered. */
-uint32_t zor_reg_info_count(const zor_reg_cb_info *info);
+ZOR_API uint32_t zor_reg_info_count(const zor_reg_cb_info *info);
 /* The data store's ctx. */
-void *zor_reg_info_ds_ctx(const zor_reg_cb_info *info);
+ZOR_API void *zor_reg_info_ds_ctx(const zor_reg_cb_info *info);
 /* 1 when the entry is being deleted or has none of the registration's fields set. */
-int zor_reg_info_is_deleting(const zor_reg_cb_info *info, const zor_reg_entry *entry);
+ZOR_API int zor_reg_info_is_deleting(const zor_reg_cb_info *info, const zor_reg_entry *entry);
 /* 1 when the entry's kind has a delete-pending flag and it is set on the entry. */
-int zor_reg_info_is_record_deleting(const zor_reg_entry *entry);
+ZOR_API int zor_reg_info_is_record_deleting(const zor_reg_entry *entry);
 /*
  * Splits the delivered entries (consuming the callback's iterator) into
  * those that still have a watched field and those that are deleting. Any
  * out-parameter may be NULL. Once per callback; the iterators are released
  * after the callback returns.
  */
-void zor_reg_info_iter(zor_reg_cb_info *info, zor_iter **set_iter, zor_iter **del_iter,
-                       uint32_t *set_count, uint32_t *del_count);
+ZOR_API void zor_reg_info_iter(zor_reg_cb_info *info, zor_iter **set_iter, zor_iter **del_iter,
+                               uint32_t *set_count, uint32_t *del_count);
 
 /* ---- removal and tracking ------------------------------------------------ */
 
@@ -474,7 +477,7 @@ void zor_reg_info_iter(zor_reg_cb_info *info, zor_iter **set_iter, zor_iter **de
  * during a snapshot or its restore, kept and marked snapshot_deleted for
  * the snapshot to finish or undo. Returns 1.
  */
-int zor_reg_db_rec_rmv_cb(zor_reg_cb_info *cb_info, zor_iter *entries, void *ctx);
+ZOR_API int zor_reg_db_rec_rmv_cb(zor_reg_cb_info *cb_info, zor_iter *entries, void *ctx);
 
 /*
  * A ready-made update registration that keeps `flag` (a flag of the kind)
@@ -484,12 +487,12 @@ int zor_reg_db_rec_rmv_cb(zor_reg_cb_info *cb_info, zor_iter *entries, void *ctx
  * those of zor_register_rec_update. Like any registration it watches no
  * field yet: add fields with zor_reg_rec_update_field_add, then enable it.
  */
-zor_reg_rec_update *zor_reg_track(zor_reg_ds *ds, zor_reg_rec_info *rec_info, uint32_t flags,
-                                  zor_reg_field_info *flag, int invert);
+ZOR_API zor_reg_rec_update *zor_reg_track(zor_reg_ds *ds, zor_reg_rec_info *rec_info,
+                                          uint32_t flags, zor_reg_field_info *flag, int invert);
 
 /* The two callbacks behind zor_reg_track; ctx is the flag. Both return 1. */
-int zor_reg_track_deleting_cb(zor_reg_cb_info *info, zor_iter *entries, void *ctx);
-int zor_reg_track_present_cb(zor_reg_cb_info *info, zor_iter *entries, void *ctx);
+ZOR_API int zor_reg_track_deleting_cb(zor_reg_cb_info *info, zor_iter *entries, void *ctx);
+ZOR_API int zor_reg_track_present_cb(zor_reg_cb_info *info, zor_iter *entries, void *ctx);
 
 /* ---- snapshots ----------------------------------------------------------- */
 
@@ -515,24 +518,24 @@ int zor_reg_track_present_cb(zor_reg_cb_info *info, zor_iter *entries, void *ctx
  * ends); those of ZOR_DATATYPE_PROP_RESET_ON_UNSET types are never backed
  * up.
  */
-void zor_reg_take_snapshot(zor_reg_ds *ds);
+ZOR_API void zor_reg_take_snapshot(zor_reg_ds *ds);
 /* Keeps every change: frees backups, finishes deletions, ends the snapshot. */
-void zor_reg_discard_snapshot(zor_reg_ds *ds);
+ZOR_API void zor_reg_discard_snapshot(zor_reg_ds *ds);
 /* Undoes every change since the take and ends the snapshot. */
-void zor_reg_restore_snapshot(zor_reg_ds *ds);
+ZOR_API void zor_reg_restore_snapshot(zor_reg_ds *ds);
 
 /*
  * Reads as of the take: the value the field had then (from the backup when
  * it has been overwritten since), the default by the set state of then, or
  * NULL. With no snapshot active they read as the plain getters.
  */
-const void *zor_reg_snapshot_field_get(const void *rec, zor_reg_field_info *field);
+ZOR_API const void *zor_reg_snapshot_field_get(const void *rec, zor_reg_field_info *field);
 /* As zor_reg_snapshot_field_get, without the default. */
-const void *zor_reg_snapshot_field_get_explicit(const void *rec, zor_reg_field_info *field);
+ZOR_API const void *zor_reg_snapshot_field_get_explicit(const void *rec, zor_reg_field_info *field);
 /* 1 when the flag was set at the take, or its default applied then. */
-int zor_reg_snapshot_flag_get(const void *rec, zor_reg_field_info *flag);
+ZOR_API int zor_reg_snapshot_flag_get(const void *rec, zor_reg_field_info *flag);
 /* 1 when the flag was set at the take. */
-int zor_reg_snapshot_flag_get_explicit(const void *rec, zor_reg_field_info *flag);
+ZOR_API int zor_reg_snapshot_flag_get_explicit(const void *rec, zor_reg_field_info *flag);
 
 #ifdef __cplusplus
 }

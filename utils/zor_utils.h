@@ -1,5 +1,5 @@
 /*
- * zor_utils.h - allocation and the assertion convention.
+ * zor_utils.h - allocation, the assertion convention and the export marker.
  *
  * Every precondition and invariant in the library is checked by ZOR_ASSERT,
  * which is always compiled in (NDEBUG does not remove it). A failed check
@@ -32,6 +32,17 @@ extern "C" {
  */
 extern void __assert_fail(const char *assertion, const char *file, unsigned int line,
                           const char *function) __THROW __attribute__((__noreturn__));
+
+/*
+ * Marks a declaration as part of the library's interface. The library is
+ * built with hidden visibility, so only what carries this marker is exported
+ * from the shared library; everything else stays internal to it.
+ */
+#if defined(__GNUC__) || defined(__clang__)
+#define ZOR_API __attribute__((visibility("default")))
+#else
+#define ZOR_API
+#endif
 
 /* The null pointer as it appears in assertion texts. */
 #define ZOR_NULL ((void *)0)

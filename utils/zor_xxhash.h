@@ -19,6 +19,8 @@
 
 #include <xxhash.h>
 
+#include "zor_utils.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -27,36 +29,36 @@ extern "C" {
 #define ZOR_XXH_VERSION_NUMBER 603
 
 /* Returns ZOR_XXH_VERSION_NUMBER. */
-unsigned ZOR_XXH_versionNumber(void);
+ZOR_API unsigned ZOR_XXH_versionNumber(void);
 
 /* One-shot 32-bit hash of `length` bytes at `input` (null is fine for 0 bytes). */
-XXH32_hash_t ZOR_XXH32(const void *input, size_t length, unsigned int seed);
+ZOR_API XXH32_hash_t ZOR_XXH32(const void *input, size_t length, unsigned int seed);
 
 /* Streaming 32-bit hash: a heap state, freed with ZOR_XXH32_freeState. */
-XXH32_state_t *ZOR_XXH32_createState(void);
-XXH_errorcode ZOR_XXH32_freeState(XXH32_state_t *state);
+ZOR_API XXH32_state_t *ZOR_XXH32_createState(void);
+ZOR_API XXH_errorcode ZOR_XXH32_freeState(XXH32_state_t *state);
 /* Copies the whole progress of `src` into `dst`. */
-void ZOR_XXH32_copyState(XXH32_state_t *dst, const XXH32_state_t *src);
+ZOR_API void ZOR_XXH32_copyState(XXH32_state_t *dst, const XXH32_state_t *src);
 /* Starts a new hash with `seed`; XXH_OK. */
-XXH_errorcode ZOR_XXH32_reset(XXH32_state_t *state, unsigned int seed);
+ZOR_API XXH_errorcode ZOR_XXH32_reset(XXH32_state_t *state, unsigned int seed);
 /* Feeds `length` more bytes at `input`; XXH_OK when done. */
-XXH_errorcode ZOR_XXH32_update(XXH32_state_t *state, const void *input, size_t length);
+ZOR_API XXH_errorcode ZOR_XXH32_update(XXH32_state_t *state, const void *input, size_t length);
 /* The hash of everything fed since the reset; the state may be fed further. */
-XXH32_hash_t ZOR_XXH32_digest(const XXH32_state_t *state);
+ZOR_API XXH32_hash_t ZOR_XXH32_digest(const XXH32_state_t *state);
 /* The hash as 4 big-endian bytes, and back. */
-void ZOR_XXH32_canonicalFromHash(XXH32_canonical_t *dst, XXH32_hash_t hash);
-XXH32_hash_t ZOR_XXH32_hashFromCanonical(const XXH32_canonical_t *src);
+ZOR_API void ZOR_XXH32_canonicalFromHash(XXH32_canonical_t *dst, XXH32_hash_t hash);
+ZOR_API XXH32_hash_t ZOR_XXH32_hashFromCanonical(const XXH32_canonical_t *src);
 
 /* The same for the 64-bit hash. */
-XXH64_hash_t ZOR_XXH64(const void *input, size_t length, unsigned long long seed);
-XXH64_state_t *ZOR_XXH64_createState(void);
-XXH_errorcode ZOR_XXH64_freeState(XXH64_state_t *state);
-void ZOR_XXH64_copyState(XXH64_state_t *dst, const XXH64_state_t *src);
-XXH_errorcode ZOR_XXH64_reset(XXH64_state_t *state, unsigned long long seed);
-XXH_errorcode ZOR_XXH64_update(XXH64_state_t *state, const void *input, size_t length);
-XXH64_hash_t ZOR_XXH64_digest(const XXH64_state_t *state);
-void ZOR_XXH64_canonicalFromHash(XXH64_canonical_t *dst, XXH64_hash_t hash);
-XXH64_hash_t ZOR_XXH64_hashFromCanonical(const XXH64_canonical_t *src);
+ZOR_API XXH64_hash_t ZOR_XXH64(const void *input, size_t length, unsigned long long seed);
+ZOR_API XXH64_state_t *ZOR_XXH64_createState(void);
+ZOR_API XXH_errorcode ZOR_XXH64_freeState(XXH64_state_t *state);
+ZOR_API void ZOR_XXH64_copyState(XXH64_state_t *dst, const XXH64_state_t *src);
+ZOR_API XXH_errorcode ZOR_XXH64_reset(XXH64_state_t *state, unsigned long long seed);
+ZOR_API XXH_errorcode ZOR_XXH64_update(XXH64_state_t *state, const void *input, size_t length);
+ZOR_API XXH64_hash_t ZOR_XXH64_digest(const XXH64_state_t *state);
+ZOR_API void ZOR_XXH64_canonicalFromHash(XXH64_canonical_t *dst, XXH64_hash_t hash);
+ZOR_API XXH64_hash_t ZOR_XXH64_hashFromCanonical(const XXH64_canonical_t *src);
 
 #ifdef __cplusplus
 }

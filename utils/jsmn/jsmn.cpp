@@ -20,20 +20,11 @@
 #include <emmintrin.h>
 #endif
 
-static_assert(offsetof(jsmn_token, type) == 0, "jsmn_token field order");
-static_assert(offsetof(jsmn_token, str) == 8, "jsmn_token field order");
-static_assert(offsetof(jsmn_token, start) == 24, "jsmn_token field order");
-static_assert(offsetof(jsmn_token, size) == 28, "jsmn_token field order");
-static_assert(offsetof(jsmn_token, parent) == 32, "jsmn_token field order");
-static_assert(offsetof(jsmn_token, skip) == 36, "jsmn_token field order");
-static_assert(offsetof(jsmn_tokenizer, pos) == 0, "jsmn_tokenizer field order");
-static_assert(offsetof(jsmn_tokenizer, next_token) == 4, "jsmn_tokenizer field order");
-static_assert(offsetof(jsmn_tokenizer, super_token) == 8, "jsmn_tokenizer field order");
-static_assert(offsetof(jsmn_tokenizer, text) == 16, "jsmn_tokenizer field order");
-static_assert(offsetof(jsmn_tokenizer, text_len) == 24, "jsmn_tokenizer field order");
-static_assert(offsetof(jsmn_tokenizer, initial_tokens) == 32, "jsmn_tokenizer field order");
-static_assert(offsetof(jsmn_tokenizer, token_capacity) == 40, "jsmn_tokenizer field order");
-static_assert(offsetof(jsmn_tokenizer, tokens) == 48, "jsmn_tokenizer field order");
+#include "zor_layout.h"
+
+ZOR_LAYOUT(jsmn_token, 36, type, str, start, size, parent, skip);
+ZOR_LAYOUT(jsmn_tokenizer, 48, pos, next_token, super_token, text, text_len, initial_tokens,
+           token_capacity, tokens);
 
 namespace
 {

@@ -85,7 +85,7 @@ typedef struct jsmn_tokenizer {
  * tokenizer allocates and owns. `token_count` must not be 0. Allocation
  * failure stops the process (as util_calloc does).
  */
-void jsmn_init(jsmn_tokenizer *t, jsmn_token *tokens, uint32_t token_count);
+ZOR_API void jsmn_init(jsmn_tokenizer *t, jsmn_token *tokens, uint32_t token_count);
 
 /*
  * Tokenizes `len` bytes of `text`, stopping early at a NUL byte, into
@@ -97,10 +97,10 @@ void jsmn_init(jsmn_tokenizer *t, jsmn_token *tokens, uint32_t token_count);
  * the failing string's opening quote, primitive's first byte or bracket,
  * and the tokens taken before it remain in t->tokens.
  */
-int32_t jsmn_parse(jsmn_tokenizer *t, const char *text, uint64_t len);
+ZOR_API int32_t jsmn_parse(jsmn_tokenizer *t, const char *text, uint64_t len);
 
 /* Frees the token array unless it is the caller's own (then does nothing). */
-void jsmn_destroy(jsmn_tokenizer *t);
+ZOR_API void jsmn_destroy(jsmn_tokenizer *t);
 
 /*
  * Copies `str` into `buf` (at least str.len bytes, not null) with the escapes
@@ -108,7 +108,7 @@ void jsmn_destroy(jsmn_tokenizer *t);
  * including other escapes such as \n or \u0041, is copied as it is. Returns
  * a view of the bytes written in `buf`; no NUL is added.
  */
-zor_str jsmn_str_unescape(zor_str str, char *buf, uint64_t size);
+ZOR_API zor_str jsmn_str_unescape(zor_str str, char *buf, uint64_t size);
 
 #ifdef __cplusplus
 }

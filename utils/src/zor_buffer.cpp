@@ -14,15 +14,10 @@
 #include <stdio.h>
 #include <string.h>
 
-static_assert(offsetof(zor_buffer_block, next) == 0, "zor_buffer_block field order");
-static_assert(offsetof(zor_buffer_block, size) == 8, "zor_buffer_block field order");
-static_assert(offsetof(zor_buffer_block, total_size) == 16, "zor_buffer_block field order");
-static_assert(offsetof(zor_buffer_block, data) == 24, "zor_buffer_block field order");
-static_assert(offsetof(zor_buffer, block_count) == 0, "zor_buffer field order");
-static_assert(offsetof(zor_buffer, size) == 8, "zor_buffer field order");
-static_assert(offsetof(zor_buffer, read_offset) == 16, "zor_buffer field order");
-static_assert(offsetof(zor_buffer, first) == 24, "zor_buffer field order");
-static_assert(offsetof(zor_buffer, last) == 32, "zor_buffer field order");
+#include "zor_layout.h"
+
+ZOR_LAYOUT(zor_buffer_block, 24, next, size, total_size, data);
+ZOR_LAYOUT(zor_buffer, 36, block_count, size, read_offset, first, last);
 
 /* Size of the blocks a write call starts with; read once per call. */
 static uint32_t zor_buffer_default_size = 1024;

@@ -6,6 +6,7 @@
 #define ZOR_BUFFER_INTERNAL_H
 
 #include "zor_buffer.h"
+#include "zor_platform.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -15,8 +16,7 @@ extern "C" {
  * Appends the concatenation of `count` texts with exactly the effect of
  * zor_printf(b, "%s%s...", ...) on them: the same attempts, the same blocks
  * appended and the same result, without running the formatter. The JSON
- * writer uses it for pieces that do not fit in the last block. Not part of
- * the installed interface.
+ * writer uses it for pieces that do not fit in the last block. Not exported.
  */
 int zor_buffer_print_texts(zor_buffer *b, const zor_str *texts, int32_t count);
 

@@ -12,52 +12,22 @@
 #include <limits>
 #include <type_traits>
 
-static_assert(offsetof(zor_datatype_info, local_id) == 0, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, size) == 8, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, properties) == 16, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, str) == 24, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, parse) == 32, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, copy) == 40, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, write) == 48, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, cmp_eq) == 56, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, cmp) == 64, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, free) == 72, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, init) == 80, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, id) == 88, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, parent_id) == 92, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, ns_id) == 96, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_info, priv) == 104, "zor_datatype_info field order");
-static_assert(offsetof(zor_datatype_reg_info, name) == 0, "zor_datatype_reg_info field order");
-static_assert(offsetof(zor_datatype_reg_info, parent) == 8, "zor_datatype_reg_info field order");
-static_assert(offsetof(zor_datatype_reg_info, info) == 16, "zor_datatype_reg_info field order");
-static_assert(offsetof(zor_opaque, length) == 0, "zor_opaque field order");
-static_assert(offsetof(zor_opaque, bytes) == 8, "zor_opaque field order");
-static_assert(sizeof(zor_opaque) == 16, "an opaque value takes 16 bytes");
-static_assert(offsetof(zor_hash_table, size) == 0, "zor_hash_table field order");
-static_assert(offsetof(zor_hash_table, min_size) == 8, "zor_hash_table field order");
-static_assert(offsetof(zor_hash_table, count) == 16, "zor_hash_table field order");
-static_assert(offsetof(zor_hash_table, node_offset) == 24, "zor_hash_table field order");
-static_assert(offsetof(zor_hash_table, get_key) == 32, "zor_hash_table field order");
-static_assert(offsetof(zor_hash_table, hash) == 40, "zor_hash_table field order");
-static_assert(offsetof(zor_hash_table, table) == 48, "zor_hash_table field order");
-static_assert(offsetof(zor_hash_table, iter) == 56, "zor_hash_table field order");
-static_assert(offsetof(zor_hash_node, hash) == 0, "zor_hash_node field order");
-static_assert(offsetof(zor_hash_node, next) == 8, "zor_hash_node field order");
-static_assert(offsetof(zor_dict, size) == 0, "zor_dict field order");
-static_assert(offsetof(zor_dict, next_id) == 8, "zor_dict field order");
-static_assert(offsetof(zor_dict, free_id) == 12, "zor_dict field order");
-static_assert(offsetof(zor_dict, has_free_ids) == 16, "zor_dict field order");
-static_assert(offsetof(zor_dict, entries) == 24, "zor_dict field order");
-static_assert(offsetof(zor_dict, table) == 32, "zor_dict field order");
-static_assert(offsetof(zor_dict, free_data) == 40, "zor_dict field order");
-static_assert(offsetof(zor_dict_entry, record) == 0, "zor_dict_entry field order");
-static_assert(offsetof(zor_dict_entry, next_free) == 8, "zor_dict_entry field order");
-static_assert(offsetof(zor_dict_rec, node) == 0, "zor_dict_rec: node first (table offset 0)");
-static_assert(offsetof(zor_dict_rec, id) == 16, "zor_dict_rec field order");
-static_assert(offsetof(zor_dict_rec, refcount) == 20, "zor_dict_rec field order");
-static_assert(offsetof(zor_dict_rec, data) == 24, "zor_dict_rec field order");
-static_assert(offsetof(zor_dict_rec, len) == 32, "zor_dict_rec field order");
-static_assert(offsetof(zor_dict_rec, text) == 40, "zor_dict_rec field order");
+#include "zor_layout.h"
+
+/*
+ * Field orders. The hash table and the dictionary live in headers only;
+ * their checks are here, with the datatype database built on them. The
+ * dictionary's table finds a record's node at offset 0.
+ */
+ZOR_LAYOUT(zor_datatype_info, 100, local_id, size, properties, str, parse, copy, write, cmp_eq, cmp,
+           free, init, id, parent_id, ns_id, priv);
+ZOR_LAYOUT(zor_datatype_reg_info, 128, name, parent, info);
+ZOR_LAYOUT(zor_opaque, 16, length, bytes);
+ZOR_LAYOUT(zor_hash_table, 112, size, min_size, count, node_offset, get_key, hash, table, iter);
+ZOR_LAYOUT(zor_hash_node, 16, hash, next);
+ZOR_LAYOUT(zor_dict, 44, size, next_id, free_id, has_free_ids, entries, table, free_data);
+ZOR_LAYOUT(zor_dict_entry, 12, record, next_free);
+ZOR_LAYOUT(zor_dict_rec, 40, node, id, refcount, data, len, text);
 
 const char *zor_datatype_str(const void *value, const zor_datatype_info *info)
 {
@@ -139,6 +109,13 @@ zor_datatype_info *zor_datatype_info_id(zor_dict *db, uint32_t id)
     return static_cast<zor_datatype_info *>(zor_dict_id_get_rec(db, id)->data);
 }
 
+/* Takes an ancestor's size or operation where the type has none (0 or null). */
+template <typename T> static inline void zor_datatype_inherit(T &own, T ancestor)
+{
+    if (!own)
+        own = ancestor;
+}
+
 /*
  * Resolves one type from its chain of ancestors' descriptors, or marks it
  * unresolved when the chain is broken or too long.
@@ -148,7 +125,7 @@ static void zor_datatype_resolve(zor_dict *db, zor_datatype_info *info)
     zor_datatype_info *chain[ZOR_DATATYPE_CHAIN_MAX];
     uint32_t n = 0;
     chain[n++] = info;
-    for (zor_datatype_info *cur = info; cur->parent_id != 0xFFFFFFFF;) {
+    for (zor_datatype_info *cur = info; cur->parent_id != ZOR_DICT_INVALID_ID;) {
         zor_datatype_info *parent =
             n < ZOR_DATATYPE_CHAIN_MAX ? zor_datatype_info_id(db, cur->parent_id) : nullptr;
         if (parent == nullptr) {
@@ -169,22 +146,14 @@ static void zor_datatype_resolve(zor_dict *db, zor_datatype_info *info)
     /* Each the first non-empty one up the chain, the type's own first. */
     for (uint32_t i = 1; i < n; i++) {
         const zor_datatype_info *a = chain[i];
-        if (info->size == 0)
-            info->size = a->size;
-        if (info->str == nullptr)
-            info->str = a->str;
-        if (info->parse == nullptr)
-            info->parse = a->parse;
-        if (info->copy == nullptr)
-            info->copy = a->copy;
-        if (info->write == nullptr)
-            info->write = a->write;
-        if (info->cmp_eq == nullptr)
-            info->cmp_eq = a->cmp_eq;
-        if (info->cmp == nullptr)
-            info->cmp = a->cmp;
-        if (info->free == nullptr)
-            info->free = a->free;
+        zor_datatype_inherit(info->size, a->size);
+        zor_datatype_inherit(info->str, a->str);
+        zor_datatype_inherit(info->parse, a->parse);
+        zor_datatype_inherit(info->copy, a->copy);
+        zor_datatype_inherit(info->write, a->write);
+        zor_datatype_inherit(info->cmp_eq, a->cmp_eq);
+        zor_datatype_inherit(info->cmp, a->cmp);
+        zor_datatype_inherit(info->free, a->free);
     }
 
     /*
@@ -224,7 +193,7 @@ uint32_t zor_datatype_register(zor_dict *db, zor_str ns, uint64_t count,
         info->ns_id = ns_id;
         info->parent_id = reg_info[i].parent != nullptr
                               ? zor_dict_ref_get(db, zor_str_init(reg_info[i].parent))
-                              : 0xFFFFFFFF;
+                              : ZOR_DICT_INVALID_ID;
         zor_dict_id_get_rec(db, id)->data = info;
         if (out != nullptr)
             out[i] = info;
@@ -233,9 +202,14 @@ uint32_t zor_datatype_register(zor_dict *db, zor_str ns, uint64_t count,
     return ns_id;
 }
 
-/* The core types, registered under "core" in every database. */
+/* An inherited mark that "str" carries; the library reads none of them. */
+#define ZOR_DATATYPE_STR_MARK 0x80
+
+/* A core type with its display and parse operations; the others are null. */
 static zor_datatype_reg_info zor_datatype_core_type(const char *name, const char *parent,
-                                                    uint64_t size, uint32_t properties)
+                                                    uint64_t size, uint32_t properties,
+                                                    zor_datatype_str_fn str,
+                                                    zor_datatype_parse_fn parse)
 {
     zor_datatype_reg_info r;
     memset(&r, 0, sizeof(r));
@@ -243,60 +217,45 @@ static zor_datatype_reg_info zor_datatype_core_type(const char *name, const char
     r.parent = parent;
     r.info.size = size;
     r.info.properties = properties;
+    r.info.str = str;
+    r.info.parse = parse;
     return r;
 }
 
+/* The core types, registered under "core" in every database. */
 uint32_t zor_datatype_db_init(zor_dict *db, uint64_t size)
 {
     zor_dict_init(db, size, zor_datatype_info_free);
 
-    zor_datatype_reg_info core[7];
-    zor_datatype_reg_info *t = core;
+    zor_datatype_reg_info core[] = {
+        zor_datatype_core_type("mem", nullptr, 0, 0, zor_datatype_str_mem, nullptr),
+        zor_datatype_core_type("opaque", "mem", sizeof(zor_opaque), 0, zor_datatype_str_opaque,
+                               nullptr),
+        zor_datatype_core_type("flag", nullptr, 0, 0, zor_datatype_str_flag, nullptr),
+        zor_datatype_core_type("str", "mem", sizeof(zor_string_id), ZOR_DATATYPE_STR_MARK,
+                               zor_datatype_str_string, zor_datatype_parse_string),
+        zor_datatype_core_type("int", "mem", sizeof(int32_t), 0, zor_datatype_str_int,
+                               zor_datatype_parse_int),
+        zor_datatype_core_type("uint", "mem", sizeof(uint32_t), 0, zor_datatype_str_uint,
+                               zor_datatype_parse_uint),
+        zor_datatype_core_type("bool", "mem", sizeof(int), 0, zor_datatype_str_bool,
+                               zor_datatype_parse_bool),
+    };
+    /* The value operations of the types that have them. */
+    zor_datatype_info *mem = &core[0].info;
+    mem->copy = mem->write = zor_datatype_copy_mem;
+    mem->cmp_eq = mem->cmp = zor_datatype_cmp_mem;
+    zor_datatype_info *opaque = &core[1].info;
+    opaque->write = zor_datatype_write_opaque;
+    opaque->cmp_eq = opaque->cmp = zor_datatype_cmp_opaque;
+    opaque->free = zor_datatype_free_opaque;
+    zor_datatype_info *str = &core[3].info;
+    str->write = zor_datatype_write_string;
+    str->cmp = zor_datatype_cmp_string;
+    str->free = zor_datatype_free_string;
 
-    *t = zor_datatype_core_type("mem", nullptr, 0, 0);
-    t->info.str = zor_datatype_str_mem;
-    t->info.copy = zor_datatype_copy_mem;
-    t->info.write = zor_datatype_copy_mem;
-    t->info.cmp_eq = zor_datatype_cmp_mem;
-    t->info.cmp = zor_datatype_cmp_mem;
-    t++;
-
-    *t = zor_datatype_core_type("opaque", "mem", sizeof(zor_opaque), 0);
-    t->info.str = zor_datatype_str_opaque;
-    t->info.write = zor_datatype_write_opaque;
-    t->info.cmp_eq = zor_datatype_cmp_opaque;
-    t->info.cmp = zor_datatype_cmp_opaque;
-    t->info.free = zor_datatype_free_opaque;
-    t++;
-
-    *t = zor_datatype_core_type("flag", nullptr, 0, 0);
-    t->info.str = zor_datatype_str_flag;
-    t++;
-
-    *t = zor_datatype_core_type("str", "mem", sizeof(zor_string_id), 0x80);
-    t->info.str = zor_datatype_str_string;
-    t->info.parse = zor_datatype_parse_string;
-    t->info.write = zor_datatype_write_string;
-    t->info.cmp = zor_datatype_cmp_string;
-    t->info.free = zor_datatype_free_string;
-    t++;
-
-    *t = zor_datatype_core_type("int", "mem", 4, 0);
-    t->info.str = zor_datatype_str_int;
-    t->info.parse = zor_datatype_parse_int;
-    t++;
-
-    *t = zor_datatype_core_type("uint", "mem", 4, 0);
-    t->info.str = zor_datatype_str_uint;
-    t->info.parse = zor_datatype_parse_uint;
-    t++;
-
-    *t = zor_datatype_core_type("bool", "mem", sizeof(int), 0);
-    t->info.str = zor_datatype_str_bool;
-    t->info.parse = zor_datatype_parse_bool;
-    t++;
-
-    return zor_datatype_register(db, zor_str_init("core"), t - core, core, 0, nullptr);
+    return zor_datatype_register(db, zor_str_init("core"), sizeof(core) / sizeof(core[0]), core, 0,
+                                 nullptr);
 }
 
 /* ---- "mem" ------------------------------------------------------------------------ */
@@ -398,52 +357,54 @@ template <typename T> static inline T zor_datatype_load(const void *value)
     return v;
 }
 
+/* The integer type as wide as the signed S, with the signedness of W. */
+template <typename W, typename S>
+using zor_datatype_like = std::conditional_t<std::is_signed<W>::value, S, std::make_unsigned_t<S>>;
+
+/*
+ * Calls fn(T()), T the integer type of `size` bytes (1, 2, 4 or 8) with the
+ * signedness of W, and returns 1; returns 0, calling nothing, for any other
+ * size. Display and parse pick the width of a value through it.
+ */
+template <typename W, typename F> static inline int zor_datatype_sized(uint64_t size, F &&fn)
+{
+    auto try_type = [&](auto t) {
+        if (size != sizeof(t))
+            return false;
+        fn(t);
+        return true;
+    };
+    return try_type(zor_datatype_like<W, int8_t>()) || try_type(zor_datatype_like<W, int16_t>()) ||
+           try_type(zor_datatype_like<W, int32_t>()) || try_type(zor_datatype_like<W, int64_t>());
+}
+
+/*
+ * Displays the integer of info->size bytes at `value` in decimal, signed
+ * when W is; a size that no integer has displays as a hex dump.
+ */
+template <typename W>
+static const char *zor_datatype_str_integer(const void *value, const zor_datatype_info *info)
+{
+    W v = 0;
+    if (!zor_datatype_sized<W>(info->size,
+                               [&](auto t) { v = zor_datatype_load<decltype(t)>(value); }))
+        return zor_datatype_hex_dump(value, info->size);
+    char *buf = zor_datatype_buf_get();
+    if constexpr (std::is_signed<W>::value)
+        snprintf(buf, ZOR_DATATYPE_BUF_SIZE, "%lld", (long long)v);
+    else
+        snprintf(buf, ZOR_DATATYPE_BUF_SIZE, "%llu", (unsigned long long)v);
+    return buf;
+}
+
 const char *zor_datatype_str_int(const void *value, const zor_datatype_info *info)
 {
-    int64_t v;
-    switch (info->size) {
-    case 1:
-        v = zor_datatype_load<int8_t>(value);
-        break;
-    case 2:
-        v = zor_datatype_load<int16_t>(value);
-        break;
-    case 4:
-        v = zor_datatype_load<int32_t>(value);
-        break;
-    case 8:
-        v = zor_datatype_load<int64_t>(value);
-        break;
-    default:
-        return zor_datatype_hex_dump(value, info->size);
-    }
-    char *buf = zor_datatype_buf_get();
-    snprintf(buf, ZOR_DATATYPE_BUF_SIZE, "%lld", (long long)v);
-    return buf;
+    return zor_datatype_str_integer<int64_t>(value, info);
 }
 
 const char *zor_datatype_str_uint(const void *value, const zor_datatype_info *info)
 {
-    uint64_t v;
-    switch (info->size) {
-    case 1:
-        v = zor_datatype_load<uint8_t>(value);
-        break;
-    case 2:
-        v = zor_datatype_load<uint16_t>(value);
-        break;
-    case 4:
-        v = zor_datatype_load<uint32_t>(value);
-        break;
-    case 8:
-        v = zor_datatype_load<uint64_t>(value);
-        break;
-    default:
-        return zor_datatype_hex_dump(value, info->size);
-    }
-    char *buf = zor_datatype_buf_get();
-    snprintf(buf, ZOR_DATATYPE_BUF_SIZE, "%llu", (unsigned long long)v);
-    return buf;
+    return zor_datatype_str_integer<uint64_t>(value, info);
 }
 
 /* Stores `value` as a T when T can hold it; 0, nothing stored, when it cannot. */
@@ -458,6 +419,20 @@ template <typename T, typename W> static inline int zor_datatype_store_in_range(
     T v = (T)value;
     memcpy(buff, &v, sizeof(v));
     return 1;
+}
+
+/*
+ * Stores `value` in the integer of `size` bytes at `buff`, signed when W is:
+ * 1 when it fits, 0 (nothing stored) when it does not, -1 for a size that
+ * no integer has.
+ */
+template <typename W>
+static inline int zor_datatype_store_integer(W value, uint64_t size, void *buff)
+{
+    int stored = -1;
+    zor_datatype_sized<W>(
+        size, [&](auto t) { stored = zor_datatype_store_in_range<decltype(t)>(value, buff); });
+    return stored;
 }
 
 /*
@@ -495,19 +470,10 @@ int zor_datatype_parse_int(const char *text, size_t len, const zor_datatype_info
         return 0;
     /* Two's complement: the negation is done in unsigned arithmetic. */
     int64_t value = (int64_t)(negative ? 0 - magnitude : magnitude);
-    switch (info->size) {
-    case 1:
-        return zor_datatype_store_in_range<int8_t>(value, buff);
-    case 2:
-        return zor_datatype_store_in_range<int16_t>(value, buff);
-    case 4:
-        return zor_datatype_store_in_range<int32_t>(value, buff);
-    case 8:
-        return zor_datatype_store_in_range<int64_t>(value, buff);
-    default:
-        ZOR_ASSERT(0);
-        return 0;
-    }
+    int stored = zor_datatype_store_integer(value, info->size, buff);
+    if (stored < 0)
+        ZOR_ASSERT(0); /* no integer has this size; "0" is the text callers expect */
+    return stored;
 }
 
 int zor_datatype_parse_uint(const char *text, size_t len, const zor_datatype_info *info, void *buff)
@@ -517,24 +483,18 @@ int zor_datatype_parse_uint(const char *text, size_t len, const zor_datatype_inf
     uint64_t value;
     if (len == 0 || !zor_datatype_parse_digits(text, len, &value))
         return 0;
-    switch (info->size) {
-    case 1:
-        return zor_datatype_store_in_range<uint8_t>(value, buff);
-    case 2:
-        return zor_datatype_store_in_range<uint16_t>(value, buff);
-    case 4:
-        return zor_datatype_store_in_range<uint32_t>(value, buff);
-    case 8:
-        return zor_datatype_store_in_range<uint64_t>(value, buff);
-    default:
-        ZOR_ASSERT(0);
-        return 0;
-    }
+    int stored = zor_datatype_store_integer(value, info->size, buff);
+    if (stored < 0)
+        ZOR_ASSERT(0); /* no integer has this size; "0" is the text callers expect */
+    return stored;
 }
 
 /* ---- the strings dictionary and "str" ------------------------------------------------ */
 
 static zor_dict zor_datatype_strings;
+
+/* Texts the strings dictionary is made for at first; it grows as needed. */
+#define ZOR_DATATYPE_STRINGS_SIZE 128
 
 /* Interns "<unset>", which must become id 0. */
 static void zor_datatype_strings_init(void)
@@ -546,7 +506,7 @@ static void zor_datatype_strings_init(void)
 void zor_datatype_init(void)
 {
     memset(&zor_datatype_strings, 0, sizeof(zor_datatype_strings));
-    zor_dict_init(&zor_datatype_strings, 128, nullptr);
+    zor_dict_init(&zor_datatype_strings, ZOR_DATATYPE_STRINGS_SIZE, nullptr);
     zor_datatype_strings_init();
 }
 

@@ -6,26 +6,11 @@
 
 #include <stdlib.h>
 
-static_assert(offsetof(zor_iter, first) == 0, "zor_iter field order");
-static_assert(offsetof(zor_iter, next) == 8, "zor_iter field order");
-static_assert(offsetof(zor_iter, free) == 16, "zor_iter field order");
-static_assert(offsetof(zor_iter, next_item) == 24, "zor_iter field order");
-static_assert(offsetof(zor_iter, info) == 32, "zor_iter field order");
-static_assert(offsetof(zor_iter, count) == 40, "zor_iter field order");
-static_assert(offsetof(zor_iter, fresh) == 44, "zor_iter field order");
-static_assert(offsetof(zor_iter, finished) == 48, "zor_iter field order");
-static_assert(offsetof(zor_iter_nested_info, outer) == 0, "nested state field order");
-static_assert(offsetof(zor_iter_nested_info, inner) == sizeof(zor_iter),
-              "nested state field order");
-static_assert(offsetof(zor_iter_nested_info, inner_active) == 2 * sizeof(zor_iter),
-              "nested state field order");
-static_assert(offsetof(zor_iter_nested_info, create) > offsetof(zor_iter_nested_info, inner_active),
-              "nested state field order");
-static_assert(offsetof(zor_iter_nested_info, arg) > offsetof(zor_iter_nested_info, create),
-              "nested state field order");
-static_assert(offsetof(zor_iter_chain_info, index) == 0, "chain state field order");
-static_assert(offsetof(zor_iter_chain_info, count) == 4, "chain state field order");
-static_assert(offsetof(zor_iter_chain_info, iters) == 8, "chain state field order");
+#include "zor_layout.h"
+
+ZOR_LAYOUT(zor_iter, 52, first, next, free, next_item, info, count, fresh, finished);
+ZOR_LAYOUT(zor_iter_nested_info, 132, outer, inner, inner_active, create, arg);
+ZOR_LAYOUT(zor_iter_chain_info, 16, index, count, iters);
 
 void zor_iter_init(zor_iter *iter, zor_iter_fn first, zor_iter_fn next, zor_iter_free_fn free,
                    void *info)

@@ -18,11 +18,9 @@
 #include <stdio.h>
 #include <string.h>
 
-static_assert(offsetof(zor_json_ctx, indent_size) == 0, "zor_json_ctx field order");
-static_assert(offsetof(zor_json_ctx, indent) == 1, "zor_json_ctx field order");
-static_assert(offsetof(zor_json_ctx, buffer) == 8, "zor_json_ctx field order");
-static_assert(offsetof(zor_json_ctx, need_comma) == 16, "zor_json_ctx field order");
-static_assert(offsetof(zor_json_ctx, array_types) == 20, "zor_json_ctx field order");
+#include "zor_layout.h"
+
+ZOR_LAYOUT(zor_json_ctx, 18, indent_size, indent, buffer, need_comma, array_types);
 
 /* Room for a formatted value: longer values are cut to 255 bytes. */
 enum { ZOR_JSON_VALUE_SIZE = 256, ZOR_JSON_VALUE_MAX = ZOR_JSON_VALUE_SIZE - 1 };

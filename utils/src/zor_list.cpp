@@ -6,16 +6,13 @@
 #include "zor_list.h"
 #include "zor_str.h"
 
-static_assert(offsetof(zor_list, first) == 0, "zor_list field order");
-static_assert(offsetof(zor_list, last) == 8, "zor_list field order");
-static_assert(offsetof(zor_list, offset) == 16, "zor_list field order");
-static_assert(offsetof(zor_list, count) == 24, "zor_list field order");
-static_assert(offsetof(zor_list_link, next) == 0, "zor_list_link field order");
-static_assert(offsetof(zor_list_link, prev) == 8, "zor_list_link field order");
-static_assert(offsetof(zor_list_iter_state, list) == 0, "list walk state field order");
-static_assert(offsetof(zor_list_iter_state, cur) == 8, "list walk state field order");
-static_assert(offsetof(zor_str, ptr) == 0 && offsetof(zor_str, len) == 8 && sizeof(zor_str) == 16,
-              "zor_str layout");
+#include "zor_layout.h"
+
+ZOR_LAYOUT(zor_list, 28, first, last, offset, count);
+ZOR_LAYOUT(zor_list_link, 16, next, prev);
+ZOR_LAYOUT(zor_list_iter_state, 16, list, cur);
+/* The string view lives in a header only; its check is here. */
+ZOR_LAYOUT(zor_str, 16, ptr, len);
 
 static void *zor_list_iter_next(void *, void *info)
 {

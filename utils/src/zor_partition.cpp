@@ -11,24 +11,13 @@
 #include <stdlib.h>
 #include <string.h>
 
-static_assert(offsetof(zor_partition, next_size) == 0, "zor_partition field order");
-static_assert(offsetof(zor_partition, elems) == 8, "zor_partition field order");
-static_assert(offsetof(zor_partition, bucket_count) == 16, "zor_partition field order");
-static_assert(offsetof(zor_partition, buckets) == 24, "zor_partition field order");
-static_assert(offsetof(zor_partition_elems, count) == 0, "zor_partition_elems field order");
-static_assert(offsetof(zor_partition_elems, size) == 4, "zor_partition_elems field order");
-static_assert(offsetof(zor_partition_elems, slots) == 8, "zor_partition_elems field order");
-static_assert(offsetof(zor_partition_elems, next) == 16, "zor_partition_elems field order");
-static_assert(offsetof(zor_partition_elem, next) == 0, "zor_partition_elem field order");
-static_assert(offsetof(zor_partition_elem, entry) == 8, "zor_partition_elem field order");
-static_assert(offsetof(zor_partition_bucket, partition) == 0, "bucket field order");
-static_assert(offsetof(zor_partition_bucket, count) == 8, "bucket field order");
-static_assert(offsetof(zor_partition_bucket, first) == 16, "bucket field order");
-static_assert(offsetof(zor_partition_bucket, tail) == 24, "bucket field order");
-static_assert(offsetof(zor_partition_bucket, next) == 32, "bucket field order");
-static_assert(offsetof(zor_partition_bucket, data) == 40, "bucket field order");
-static_assert(offsetof(zor_partition_entries_state, bucket) == 0, "entries state field order");
-static_assert(offsetof(zor_partition_entries_state, cur) == 8, "entries state field order");
+#include "zor_layout.h"
+
+ZOR_LAYOUT(zor_partition, 24, next_size, elems, bucket_count, buckets);
+ZOR_LAYOUT(zor_partition_elems, 24, count, size, slots, next);
+ZOR_LAYOUT(zor_partition_elem, 16, next, entry);
+ZOR_LAYOUT(zor_partition_bucket, 44, partition, count, first, tail, next, data);
+ZOR_LAYOUT(zor_partition_entries_state, 16, bucket, cur);
 
 /* Adds a zeroed slot array of `size` slots in front of the partition's arrays. */
 static zor_partition_elems *zor_partition_elems_alloc(zor_partition *p, uint32_t size)

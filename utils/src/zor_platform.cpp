@@ -3,7 +3,7 @@
  * source of its own so that the rest of the library never calls the system
  * directly.
  */
-#include "zor_buffer.h"
+#include "zor_platform.h"
 
 #include <errno.h>
 #include <unistd.h>

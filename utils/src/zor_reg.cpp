@@ -17,54 +17,13 @@
 #include <stdlib.h>
 #include <string.h>
 
-static_assert(offsetof(zor_reg_notifier, link) == 0, "zor_reg_notifier field order");
-static_assert(offsetof(zor_reg_notifier, cb) == 16, "zor_reg_notifier field order");
-static_assert(offsetof(zor_reg_notifier, ctx) == 24, "zor_reg_notifier field order");
+#include "zor_layout.h"
 
-static_assert(offsetof(zor_reg_rec_update, link) == 0, "zor_reg_rec_update field order");
-static_assert(offsetof(zor_reg_rec_update, ds_rec) == 16, "zor_reg_rec_update field order");
-static_assert(offsetof(zor_reg_rec_update, id) == 24, "zor_reg_rec_update field order");
-static_assert(offsetof(zor_reg_rec_update, level) == 28, "zor_reg_rec_update field order");
-static_assert(offsetof(zor_reg_rec_update, cb) == 32, "zor_reg_rec_update field order");
-static_assert(offsetof(zor_reg_rec_update, ctx) == 40, "zor_reg_rec_update field order");
-static_assert(offsetof(zor_reg_rec_update, follow_ctrl) == 48, "zor_reg_rec_update field order");
-static_assert(offsetof(zor_reg_rec_update, field_bits) == 56, "zor_reg_rec_update field order");
-static_assert(offsetof(zor_reg_rec_update, first_byte) == 64, "zor_reg_rec_update field order");
-static_assert(offsetof(zor_reg_rec_update, last_byte) == 68, "zor_reg_rec_update field order");
-static_assert(offsetof(zor_reg_rec_update, enable_pending) == 72, "zor_reg_rec_update field order");
-static_assert(offsetof(zor_reg_rec_update, resync) == 76, "zor_reg_rec_update field order");
-static_assert(offsetof(zor_reg_rec_update, failed) == 80, "zor_reg_rec_update field order");
-static_assert(offsetof(zor_reg_rec_update, enabled) == 84, "zor_reg_rec_update field order");
-static_assert(offsetof(zor_reg_rec_update, in_partition) == 88, "zor_reg_rec_update field order");
-static_assert(offsetof(zor_reg_rec_update, buckets) == 96, "zor_reg_rec_update field order");
-
-static_assert(offsetof(zor_reg_cb_info, ds) == 0, "zor_reg_cb_info field order");
-static_assert(offsetof(zor_reg_cb_info, reg) == 8, "zor_reg_cb_info field order");
-static_assert(offsetof(zor_reg_cb_info, resync) == 16, "zor_reg_cb_info field order");
-static_assert(offsetof(zor_reg_cb_info, count) == 20, "zor_reg_cb_info field order");
-static_assert(offsetof(zor_reg_cb_info, iter) == 24, "zor_reg_cb_info field order");
-static_assert(offsetof(zor_reg_cb_info, is_partitioned) == 32, "zor_reg_cb_info field order");
-static_assert(offsetof(zor_reg_cb_info, partition) == 40, "zor_reg_cb_info field order");
-static_assert(offsetof(zor_reg_cb_info, set_bucket) == 40 + sizeof(zor_partition),
-              "zor_reg_cb_info field order");
-static_assert(offsetof(zor_reg_cb_info, del_bucket) ==
-                  40 + sizeof(zor_partition) + sizeof(zor_partition_bucket),
-              "zor_reg_cb_info field order");
-static_assert(offsetof(zor_reg_cb_info, set_iter) ==
-                  40 + sizeof(zor_partition) + 2 * sizeof(zor_partition_bucket),
-              "zor_reg_cb_info field order");
-static_assert(offsetof(zor_reg_cb_info, del_iter) ==
-                  offsetof(zor_reg_cb_info, set_iter) + sizeof(zor_iter),
-              "zor_reg_cb_info field order");
-static_assert(offsetof(zor_reg_cb_info, set_count) ==
-                  offsetof(zor_reg_cb_info, del_iter) + sizeof(zor_iter),
-              "zor_reg_cb_info field order");
-static_assert(offsetof(zor_reg_cb_info, del_count) == offsetof(zor_reg_cb_info, set_count) + 4,
-              "zor_reg_cb_info field order");
-static_assert(offsetof(zor_reg_cb_info, set_state) > offsetof(zor_reg_cb_info, del_count),
-              "zor_reg_cb_info field order");
-static_assert(offsetof(zor_reg_cb_info, del_state) > offsetof(zor_reg_cb_info, set_state),
-              "zor_reg_cb_info field order");
+ZOR_LAYOUT(zor_reg_notifier, 32, link, cb, ctx);
+ZOR_LAYOUT(zor_reg_rec_update, 184, link, ds_rec, id, level, cb, ctx, follow_ctrl, field_bits,
+           first_byte, last_byte, enable_pending, resync, failed, enabled, in_partition, buckets);
+ZOR_LAYOUT(zor_reg_cb_info, 316, ds, reg, resync, count, iter, is_partitioned, partition,
+           set_bucket, del_bucket, set_iter, del_iter, set_count, del_count, set_state, del_state);
 
 /* ---- registrations ------------------------------------------------------- */
 

@@ -14,107 +14,22 @@
 #include <stdlib.h>
 #include <string.h>
 
-static_assert(offsetof(zor_reg_db, recs) == 0, "zor_reg_db field order");
+#include "zor_layout.h"
 
-static_assert(offsetof(zor_reg_rec_info, link) == 0, "zor_reg_rec_info field order");
-static_assert(offsetof(zor_reg_rec_info, id) == 16, "zor_reg_rec_info field order");
-static_assert(offsetof(zor_reg_rec_info, rec_offset) == 24, "zor_reg_rec_info field order");
-static_assert(offsetof(zor_reg_rec_info, bitfield_offset) == 32, "zor_reg_rec_info field order");
-static_assert(offsetof(zor_reg_rec_info, snapshot_bitfield_offset) == 40,
-              "zor_reg_rec_info field order");
-static_assert(offsetof(zor_reg_rec_info, reg_bitfield_offset) == 48,
-              "zor_reg_rec_info field order");
-static_assert(offsetof(zor_reg_rec_info, size) == 56, "zor_reg_rec_info field order");
-static_assert(offsetof(zor_reg_rec_info, backup_bitfield_offset) == 64,
-              "zor_reg_rec_info field order");
-static_assert(offsetof(zor_reg_rec_info, backup_size) == 72, "zor_reg_rec_info field order");
-static_assert(offsetof(zor_reg_rec_info, fields) == 80, "zor_reg_rec_info field order");
-static_assert(offsetof(zor_reg_rec_info, delete_pending) == 80 + sizeof(zor_list),
-              "zor_reg_rec_info field order");
-static_assert(offsetof(zor_reg_rec_info, unlink_cb) > offsetof(zor_reg_rec_info, delete_pending),
-              "zor_reg_rec_info field order");
-static_assert(offsetof(zor_reg_rec_info, free_cb) > offsetof(zor_reg_rec_info, unlink_cb),
-              "zor_reg_rec_info field order");
-static_assert(offsetof(zor_reg_rec_info, clear_on_destroy_count) >
-                  offsetof(zor_reg_rec_info, free_cb),
-              "zor_reg_rec_info field order");
-static_assert(offsetof(zor_reg_rec_info, clear_on_destroy) >
-                  offsetof(zor_reg_rec_info, clear_on_destroy_count),
-              "zor_reg_rec_info field order");
-
-static_assert(offsetof(zor_reg_field_info, link) == 0, "zor_reg_field_info field order");
-static_assert(offsetof(zor_reg_field_info, rec_info) == 16, "zor_reg_field_info field order");
-static_assert(offsetof(zor_reg_field_info, id) == 24, "zor_reg_field_info field order");
-static_assert(offsetof(zor_reg_field_info, offset) == 32, "zor_reg_field_info field order");
-static_assert(offsetof(zor_reg_field_info, type) == 40, "zor_reg_field_info field order");
-static_assert(offsetof(zor_reg_field_info, default_value) == 48, "zor_reg_field_info field order");
-static_assert(offsetof(zor_reg_field_info, ctrl_flag) == 56, "zor_reg_field_info field order");
-
-static_assert(offsetof(zor_reg_level, active) == 0, "zor_reg_level field order");
-static_assert(offsetof(zor_reg_level, parts) == 8, "zor_reg_level field order");
-
-static_assert(offsetof(struct zor_reg_ds_field, field_info) == 0, "zor_reg_ds_field field order");
-static_assert(offsetof(struct zor_reg_ds_field, update_regs) == 8, "zor_reg_ds_field field order");
-static_assert(offsetof(struct zor_reg_ds_field, bucket) == 8 + sizeof(zor_list),
-              "zor_reg_ds_field field order");
-static_assert(offsetof(struct zor_reg_ds_field, in_partition) ==
-                  8 + sizeof(zor_list) + sizeof(zor_partition_bucket),
-              "zor_reg_ds_field field order");
-
-static_assert(offsetof(struct zor_reg_ds_rec, ds) == 0, "zor_reg_ds_rec field order");
-static_assert(offsetof(struct zor_reg_ds_rec, rec_info) == 8, "zor_reg_ds_rec field order");
-static_assert(offsetof(struct zor_reg_ds_rec, field_count) == 16, "zor_reg_ds_rec field order");
-static_assert(offsetof(struct zor_reg_ds_rec, fields) == 24, "zor_reg_ds_rec field order");
-static_assert(offsetof(struct zor_reg_ds_rec, create_regs) == 32, "zor_reg_ds_rec field order");
-static_assert(offsetof(struct zor_reg_ds_rec, delete_regs) == 32 + sizeof(zor_list),
-              "zor_reg_ds_rec field order");
-static_assert(offsetof(struct zor_reg_ds_rec, update_regs) == 32 + 2 * sizeof(zor_list),
-              "zor_reg_ds_rec field order");
-static_assert(offsetof(struct zor_reg_ds_rec, field_partition) == 32 + 3 * sizeof(zor_list),
-              "zor_reg_ds_rec field order");
-static_assert(offsetof(struct zor_reg_ds_rec, entries) ==
-                  32 + 3 * sizeof(zor_list) + sizeof(zor_partition),
-              "zor_reg_ds_rec field order");
-static_assert(offsetof(struct zor_reg_ds_rec, entry_iter) ==
-                  32 + 4 * sizeof(zor_list) + sizeof(zor_partition),
-              "zor_reg_ds_rec field order");
-static_assert(offsetof(struct zor_reg_ds_rec, rmv_reg) ==
-                  32 + 4 * sizeof(zor_list) + sizeof(zor_partition) + sizeof(zor_iter),
-              "zor_reg_ds_rec field order");
-static_assert(offsetof(struct zor_reg_ds_rec, ctx) == offsetof(struct zor_reg_ds_rec, rmv_reg) + 8,
-              "zor_reg_ds_rec field order");
-static_assert(offsetof(struct zor_reg_ds_rec, entry_iter_state) ==
-                  offsetof(struct zor_reg_ds_rec, ctx) + 8,
-              "zor_reg_ds_rec field order");
-
-static_assert(offsetof(zor_reg_ds, db) == 0, "zor_reg_ds field order");
-static_assert(offsetof(zor_reg_ds, ctx) == 8, "zor_reg_ds field order");
-static_assert(offsetof(zor_reg_ds, rec_count) == 16, "zor_reg_ds field order");
-static_assert(offsetof(zor_reg_ds, recs) == 24, "zor_reg_ds field order");
-static_assert(offsetof(zor_reg_ds, snapshot_active) == 32, "zor_reg_ds field order");
-static_assert(offsetof(zor_reg_ds, snapshot_partition) == 40, "zor_reg_ds field order");
-static_assert(offsetof(zor_reg_ds, snapshot_created_bucket) == 40 + sizeof(zor_partition),
-              "zor_reg_ds field order");
-static_assert(offsetof(zor_reg_ds, snapshot_updated_bucket) ==
-                  40 + sizeof(zor_partition) + sizeof(zor_partition_bucket),
-              "zor_reg_ds field order");
-static_assert(offsetof(zor_reg_ds, levels) ==
-                  40 + sizeof(zor_partition) + 2 * sizeof(zor_partition_bucket),
-              "zor_reg_ds field order");
-
-static_assert(offsetof(zor_reg_entry, ds_rec) == 0, "zor_reg_entry field order");
-static_assert(offsetof(zor_reg_entry, backup) == 8, "zor_reg_entry field order");
-static_assert(offsetof(zor_reg_entry, link) == 16, "zor_reg_entry field order");
-static_assert(offsetof(zor_reg_entry, changes_prohibited) == 32, "zor_reg_entry field order");
-static_assert(offsetof(zor_reg_entry, snapshot_created) == 36, "zor_reg_entry field order");
-static_assert(offsetof(zor_reg_entry, snapshot_created_restore) == 40, "zor_reg_entry field order");
-static_assert(offsetof(zor_reg_entry, snapshot_updated) == 44, "zor_reg_entry field order");
-static_assert(offsetof(zor_reg_entry, snapshot_deleted) == 48, "zor_reg_entry field order");
-
-static_assert(offsetof(zor_reg_cb_trace_slot, iteration) == 0, "trace slot field order");
-static_assert(offsetof(zor_reg_cb_trace_slot, reg) == 8, "trace slot field order");
-static_assert(offsetof(zor_reg_cb_trace_slot, resync) == 16, "trace slot field order");
-static_assert(offsetof(zor_reg_cb_trace_slot, count) == 20, "trace slot field order");
+ZOR_LAYOUT(zor_reg_db, 32, recs);
+ZOR_LAYOUT(zor_reg_rec_info, 140, link, id, rec_offset, bitfield_offset, snapshot_bitfield_offset,
+           reg_bitfield_offset, size, backup_bitfield_offset, backup_size, fields, delete_pending,
+           unlink_cb, free_cb, clear_on_destroy_count, clear_on_destroy);
+ZOR_LAYOUT(zor_reg_field_info, 60, link, rec_info, id, offset, type, default_value, ctrl_flag);
+ZOR_LAYOUT(zor_reg_level, 65, active, parts);
+ZOR_LAYOUT(struct zor_reg_ds_field, 92, field_info, update_regs, bucket, in_partition);
+ZOR_LAYOUT(struct zor_reg_ds_rec, 276, ds, rec_info, field_count, fields, create_regs, delete_regs,
+           update_regs, field_partition, entries, entry_iter, rmv_reg, ctx, entry_iter_state);
+ZOR_LAYOUT(zor_reg_ds, 376, db, ctx, rec_count, recs, snapshot_active, snapshot_partition,
+           snapshot_created_bucket, snapshot_updated_bucket, levels);
+ZOR_LAYOUT(zor_reg_entry, 52, ds_rec, backup, link, changes_prohibited, snapshot_created,
+           snapshot_created_restore, snapshot_updated, snapshot_deleted);
+ZOR_LAYOUT(zor_reg_cb_trace_slot, 20, iteration, reg, resync, count);
 
 /* ---- process-wide state -------------------------------------------------- */
 

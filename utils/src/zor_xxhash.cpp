@@ -9,92 +9,48 @@ unsigned ZOR_XXH_versionNumber(void)
     return ZOR_XXH_VERSION_NUMBER;
 }
 
-XXH32_hash_t ZOR_XXH32(const void *input, size_t length, unsigned int seed)
-{
-    return XXH32(input, length, seed);
-}
+/*
+ * The 32-bit and the 64-bit hash have the same set of functions: `bits` is
+ * 32 or 64, `seed_t` the type of its seed.
+ */
+#define ZOR_XXH_FORWARD(bits, seed_t)                                                              \
+    XXH##bits##_hash_t ZOR_XXH##bits(const void *input, size_t length, seed_t seed)                \
+    {                                                                                              \
+        return XXH##bits(input, length, seed);                                                     \
+    }                                                                                              \
+    XXH##bits##_state_t *ZOR_XXH##bits##_createState(void)                                         \
+    {                                                                                              \
+        return XXH##bits##_createState();                                                          \
+    }                                                                                              \
+    XXH_errorcode ZOR_XXH##bits##_freeState(XXH##bits##_state_t *state)                            \
+    {                                                                                              \
+        return XXH##bits##_freeState(state);                                                       \
+    }                                                                                              \
+    void ZOR_XXH##bits##_copyState(XXH##bits##_state_t *dst, const XXH##bits##_state_t *src)       \
+    {                                                                                              \
+        XXH##bits##_copyState(dst, src);                                                           \
+    }                                                                                              \
+    XXH_errorcode ZOR_XXH##bits##_reset(XXH##bits##_state_t *state, seed_t seed)                   \
+    {                                                                                              \
+        return XXH##bits##_reset(state, seed);                                                     \
+    }                                                                                              \
+    XXH_errorcode ZOR_XXH##bits##_update(XXH##bits##_state_t *state, const void *input,            \
+                                         size_t length)                                            \
+    {                                                                                              \
+        return XXH##bits##_update(state, input, length);                                           \
+    }                                                                                              \
+    XXH##bits##_hash_t ZOR_XXH##bits##_digest(const XXH##bits##_state_t *state)                    \
+    {                                                                                              \
+        return XXH##bits##_digest(state);                                                          \
+    }                                                                                              \
+    void ZOR_XXH##bits##_canonicalFromHash(XXH##bits##_canonical_t *dst, XXH##bits##_hash_t hash)  \
+    {                                                                                              \
+        XXH##bits##_canonicalFromHash(dst, hash);                                                  \
+    }                                                                                              \
+    XXH##bits##_hash_t ZOR_XXH##bits##_hashFromCanonical(const XXH##bits##_canonical_t *src)       \
+    {                                                                                              \
+        return XXH##bits##_hashFromCanonical(src);                                                 \
+    }
 
-XXH32_state_t *ZOR_XXH32_createState(void)
-{
-    return XXH32_createState();
-}
-
-XXH_errorcode ZOR_XXH32_freeState(XXH32_state_t *state)
-{
-    return XXH32_freeState(state);
-}
-
-void ZOR_XXH32_copyState(XXH32_state_t *dst, const XXH32_state_t *src)
-{
-    XXH32_copyState(dst, src);
-}
-
-XXH_errorcode ZOR_XXH32_reset(XXH32_state_t *state, unsigned int seed)
-{
-    return XXH32_reset(state, seed);
-}
-
-XXH_errorcode ZOR_XXH32_update(XXH32_state_t *state, const void *input, size_t length)
-{
-    return XXH32_update(state, input, length);
-}
-
-XXH32_hash_t ZOR_XXH32_digest(const XXH32_state_t *state)
-{
-    return XXH32_digest(state);
-}
-
-void ZOR_XXH32_canonicalFromHash(XXH32_canonical_t *dst, XXH32_hash_t hash)
-{
-    XXH32_canonicalFromHash(dst, hash);
-}
-
-XXH32_hash_t ZOR_XXH32_hashFromCanonical(const XXH32_canonical_t *src)
-{
-    return XXH32_hashFromCanonical(src);
-}
-
-XXH64_hash_t ZOR_XXH64(const void *input, size_t length, unsigned long long seed)
-{
-    return XXH64(input, length, seed);
-}
-
-XXH64_state_t *ZOR_XXH64_createState(void)
-{
-    return XXH64_createState();
-}
-
-XXH_errorcode ZOR_XXH64_freeState(XXH64_state_t *state)
-{
-    return XXH64_freeState(state);
-}
-
-void ZOR_XXH64_copyState(XXH64_state_t *dst, const XXH64_state_t *src)
-{
-    XXH64_copyState(dst, src);
-}
-
-XXH_errorcode ZOR_XXH64_reset(XXH64_state_t *state, unsigned long long seed)
-{
-    return XXH64_reset(state, seed);
-}
-
-XXH_errorcode ZOR_XXH64_update(XXH64_state_t *state, const void *input, size_t length)
-{
-    return XXH64_update(state, input, length);
-}
-
-XXH64_hash_t ZOR_XXH64_digest(const XXH64_state_t *state)
-{
-    return XXH64_digest(state);
-}
-
-void ZOR_XXH64_canonicalFromHash(XXH64_canonical_t *dst, XXH64_hash_t hash)
-{
-    XXH64_canonicalFromHash(dst, hash);
-}
-
-XXH64_hash_t ZOR_XXH64_hashFromCanonical(const XXH64_canonical_t *src)
-{
-    return XXH64_hashFromCanonical(src);
-}
+ZOR_XXH_FORWARD(32, unsigned int)
+ZOR_XXH_FORWARD(64, unsigned long long)
