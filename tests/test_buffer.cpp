@@ -1,6 +1,7 @@
 /* Output buffer: block allocation, consumption, output, flatten; pk_write. */
 #include "zor_test.h"
 #include "zor_buffer.h"
+#include "zor_platform.h"
 
 #include <errno.h>
 #include <fcntl.h>
