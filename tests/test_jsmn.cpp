@@ -2,8 +2,18 @@
 #include "zor_test.h"
 #include "jsmn/jsmn.h"
 
+#include <string.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <string>
 #include <vector>
+
+#if __has_include(<valgrind/valgrind.h>)
+#include <valgrind/valgrind.h>
+#else
+#define RUNNING_ON_VALGRIND 0
+#endif
 
 namespace
 {
@@ -188,4 +198,46 @@ TEST(Jsmn, BrokenPreconditionsStop)
                       "size >= str.len");
     ZOR_EXPECT_ASSERT(jsmn_str_unescape(zor_str_init(""), nullptr, 0), "zor_str_init_len",
                       "str != ((void *)0)");
+}
+
+/* Containers that open past 2 GiB get exact texts. The 2 GiB of spaces in
+ * front are one 1 MiB block of shared memory mapped 2048 times. */
+TEST(Jsmn, InputPast2GiB)
+{
+    if (RUNNING_ON_VALGRIND)
+        GTEST_SKIP() << "too slow under valgrind";
+    const uint64_t block = 1 << 20, blocks = 2048, far = block * blocks;
+    const char doc[] = "[\"a\", {\"k\": [1, 22]}]";
+    int fd = memfd_create("jsmn-spaces", 0);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(ftruncate(fd, block), 0);
+    char *base = static_cast<char *>(
+        mmap(nullptr, far + block, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(base, MAP_FAILED);
+    for (uint64_t k = 0; k < blocks; k++)
+        ASSERT_NE(
+            mmap(base + k * block, block, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, fd, 0),
+            MAP_FAILED);
+    close(fd);
+    memset(base, ' ', block);
+    memcpy(base + far, doc, sizeof(doc) - 1);
+
+    jsmn_tokenizer t;
+    jsmn_init(&t, nullptr, 4);
+    EXPECT_EQ(jsmn_parse(&t, base, far + sizeof(doc) - 1), 7);
+    const char *texts[] = {doc, "a", "{\"k\": [1, 22]}", "k", "[1, 22]", "1", "22"};
+    for (int i = 0; i < 7; i++) {
+        const jsmn_token &k = t.tokens[i];
+        EXPECT_EQ(std::string(k.str.ptr, k.str.len), texts[i]);
+        EXPECT_EQ(k.str.ptr, base + far + (strstr(doc, texts[i]) - doc));
+        EXPECT_EQ(static_cast<uint32_t>(k.start), static_cast<uint32_t>(k.str.ptr - base));
+    }
+    EXPECT_EQ(t.pos, static_cast<uint32_t>(far + sizeof(doc) - 1));
+    /* Cut inside: the open containers still show no text. */
+    EXPECT_EQ(jsmn_parse(&t, base, far + 10), JSMN_ERR_PARTIAL);
+    EXPECT_EQ(t.tokens[0].str.ptr, nullptr);
+    EXPECT_EQ(t.tokens[0].str.len, 0u);
+    EXPECT_EQ(t.tokens[0].skip, 0);
+    jsmn_destroy(&t);
+    munmap(base, far + block);
 }

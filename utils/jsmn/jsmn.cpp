@@ -11,6 +11,10 @@
  * so a closing bracket always closes the innermost one. Open containers
  * are chained through their skip fields (0 again on every error way out),
  * and one still open at the end means the input was cut short.
+ *
+ * Positions are 64-bit and every text view is made from them, so views are
+ * exact for inputs of any length; the 32-bit fields `start` and `pos` keep
+ * an offset's low 32 bits.
  */
 #include "jsmn.h"
 
@@ -71,7 +75,7 @@ struct jsmn_tables {
 };
 constexpr jsmn_tables tables;
 
-/* A text view of n bytes at p; offsets here are 32-bit unsigned. */
+/* A text view of n bytes at p (n may exceed what zor_str_init_len takes). */
 inline zor_str jsmn_text(const char *p, uint64_t n)
 {
     zor_str s = zor_str_init_len(p, 0);
@@ -225,30 +229,17 @@ void jsmn_destroy(jsmn_tokenizer *t)
 /* Stores a whole token in one sequence (padding included, as a zeroed
  * token would have it). */
 static inline void jsmn_token_put(jsmn_token *tok, jsmn_tok_type type, const char *ptr,
-                                  uint64_t len, int32_t start, int32_t parent, int32_t skip)
+                                  uint64_t len, uint64_t start, int32_t parent, int32_t skip)
 {
     tok->type = type;
     memset(reinterpret_cast<char *>(tok) + sizeof(tok->type), 0,
            offsetof(jsmn_token, str) - sizeof(tok->type));
     tok->str.ptr = ptr;
     tok->str.len = len;
-    tok->start = start;
+    tok->start = static_cast<int32_t>(start); /* the offset's low 32 bits */
     tok->size = 0;
     tok->parent = parent;
     tok->skip = skip;
-}
-
-/*
- * A closing bracket with no container open: the last token's top-level
- * ancestor decides between an ignored bracket and an error.
- */
-static __attribute__((noinline)) bool jsmn_stray_close_ok(const jsmn_token *tokens, uint32_t next,
-                                                          int32_t super, jsmn_tok_type want)
-{
-    const jsmn_token *tok = &tokens[next - 1];
-    while (tok->parent != -1)
-        tok = &tokens[tok->parent];
-    return tok->type == want && super != -1;
 }
 
 int32_t jsmn_parse(jsmn_tokenizer *t, const char *text, uint64_t len)
@@ -262,14 +253,33 @@ int32_t jsmn_parse(jsmn_tokenizer *t, const char *text, uint64_t len)
     /* The innermost open container, -1 when none is open. Every open
      * container lies on the parent chain of the last token taken, so a
      * closing bracket always closes this one. While a container is open its
-     * skip field links to the next open container out; the final value
-     * (the open containers' 0) is restored on every error way out. */
+     * skip field links to the next open container out and its str.len holds
+     * its 64-bit start offset; both are 0 again on every error way out. */
     int32_t cur = -1;
+    /* The last token's top-level ancestor: the newest token taken with no
+     * parent (a token's parent is always on the parent chain of the token
+     * before it). A closing bracket with no container open checks it. */
+    int32_t top = -1;
     uint64_t pos = 0;
     uint64_t i;
     unsigned char c;
     jsmn_token *tok;
     int32_t result;
+
+    /* Takes the next token as a child of `super`: grows the array when it
+     * is full and counts the child. The caller fills the token. */
+    auto take = [&]() __attribute__((always_inline))->jsmn_token *
+    {
+        if (__builtin_expect(next >= capacity, 0)) {
+            tokens = jsmn_tokens_grow(t);
+            capacity = t->token_capacity;
+        }
+        if (super != -1)
+            tokens[super].size++;
+        else
+            top = static_cast<int32_t>(next);
+        return &tokens[next++];
+    };
 
     /*
      * Every byte between tokens is acted on the same way wherever it
@@ -330,23 +340,18 @@ any:
     }
 
 open:
-    if (__builtin_expect(next >= capacity, 0)) {
-        tokens = jsmn_tokens_grow(t);
-        capacity = t->token_capacity;
-    }
-    if (super != -1)
-        tokens[super].size++;
-    jsmn_token_put(&tokens[next], c == '{' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY, nullptr, 0,
-                   static_cast<int32_t>(pos), super, cur);
-    super = cur = static_cast<int32_t>(next);
-    next++;
+    tok = take();
+    jsmn_token_put(tok, c == '{' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY, nullptr, pos, pos, super, cur);
+    super = cur = static_cast<int32_t>(next - 1);
     pos++;
     goto value;
 
 close:
     if (__builtin_expect(cur == -1, 0)) {
-        if (next == 0 || !jsmn_stray_close_ok(tokens, next, super,
-                                              c == '}' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY)) {
+        /* Nothing open: ignored after a complete top-level value of the
+         * same kind with a super token set (by ":"), else an error. */
+        if (next == 0 || tokens[top].type != (c == '}' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY) ||
+            super == -1) {
             result = JSMN_ERR_INVALID;
             goto fail;
         }
@@ -358,7 +363,7 @@ close:
         result = JSMN_ERR_INVALID;
         goto fail;
     }
-    tok->str = jsmn_text(text + tok->start, pos - uint64_t(tok->start) + 1);
+    tok->str = jsmn_text(text + tok->str.len, pos - tok->str.len + 1);
     cur = tok->skip;
     tok->skip = static_cast<int32_t>(next);
     super = tok->parent;
@@ -370,15 +375,9 @@ string:
     result = jsmn_scan_string(text, len, i);
     if (__builtin_expect(result != 0, 0))
         goto fail; /* pos stays on the opening quote */
-    if (__builtin_expect(next >= capacity, 0)) {
-        tokens = jsmn_tokens_grow(t);
-        capacity = t->token_capacity;
-    }
-    if (super != -1)
-        tokens[super].size++;
-    jsmn_token_put(&tokens[next], JSMN_TOK_STRING, text + pos + 1, i - pos - 1,
-                   static_cast<int32_t>(pos + 1), super, static_cast<int32_t>(next + 1));
-    next++;
+    tok = take();
+    jsmn_token_put(tok, JSMN_TOK_STRING, text + pos + 1, i - pos - 1, pos + 1, super,
+                   static_cast<int32_t>(next));
     pos = i + 1;
     goto after;
 
@@ -412,15 +411,9 @@ primitive:
         result = JSMN_ERR_INVALID;
         goto fail;
     }
-    if (__builtin_expect(next >= capacity, 0)) {
-        tokens = jsmn_tokens_grow(t);
-        capacity = t->token_capacity;
-    }
-    if (super != -1)
-        tokens[super].size++;
-    jsmn_token_put(&tokens[next], JSMN_TOK_PRIMITIVE, text + pos, i - pos,
-                   static_cast<int32_t>(pos), super, static_cast<int32_t>(next + 1));
-    next++;
+    tok = take();
+    jsmn_token_put(tok, JSMN_TOK_PRIMITIVE, text + pos, i - pos, pos, super,
+                   static_cast<int32_t>(next));
     pos = i;
     goto after;
 
@@ -431,11 +424,12 @@ done:
     }
     result = JSMN_ERR_PARTIAL;
 fail:
-    /* Open containers show a skip of 0. */
+    /* Open containers show no text and a skip of 0. */
     while (cur != -1) {
         tok = &tokens[cur];
         cur = tok->skip;
         tok->skip = 0;
+        tok->str.len = 0;
     }
 out:
     t->pos = static_cast<uint32_t>(pos);
