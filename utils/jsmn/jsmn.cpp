@@ -51,8 +51,9 @@ struct jsmn_tables {
     uint8_t prim[256];
     uint8_t str[256];
     uint8_t hex[256];
-    uint8_t bare[256]; /* 1 where a byte between tokens starts a primitive */
-    constexpr jsmn_tables() : prim(), str(), hex(), bare()
+    uint8_t bare[256];  /* 1 where a byte between tokens starts a primitive */
+    uint8_t space[256]; /* 1 for tab, line feed, carriage return and space */
+    constexpr jsmn_tables() : prim(), str(), hex(), bare(), space()
     {
         for (int c = 0; c < 256; c++) {
             prim[c] = (c < 32 || c > 126) ? PRIM_BAD : PRIM_PART;
@@ -71,6 +72,8 @@ struct jsmn_tables {
         const char structure[] = {'\0', '\t', '\n', '\r', ' ', '{', '[', '}', ']', '"', ':', ','};
         for (char c : structure)
             bare[static_cast<uint8_t>(c)] = 0;
+        space[static_cast<uint8_t>('\t')] = space[static_cast<uint8_t>('\n')] = 1;
+        space[static_cast<uint8_t>('\r')] = space[static_cast<uint8_t>(' ')] = 1;
     }
 };
 constexpr jsmn_tables tables;
@@ -83,17 +86,51 @@ inline zor_str jsmn_text(const char *p, uint64_t n)
     return s;
 }
 
-/* Doubles the token array, keeping the tokens taken so far. */
+/*
+ * Doubles the full token array, keeping its tokens. The caller's array is
+ * copied into a new one; the tokenizer's own is resized in place where the
+ * allocator can. The new half is left unwritten: every token taken is
+ * written whole, and jsmn_parse zeroes what is left untaken when it ends,
+ * so the array reads as if it had been zero-filled.
+ */
 __attribute__((noinline)) jsmn_token *jsmn_tokens_grow(jsmn_tokenizer *t)
 {
-    uint64_t capacity = t->token_capacity;
-    jsmn_token *grown = static_cast<jsmn_token *>(util_calloc(2 * capacity * sizeof(jsmn_token)));
-    memcpy(grown, t->tokens, capacity * sizeof(jsmn_token));
-    if (t->tokens != t->initial_tokens)
-        free(t->tokens);
-    t->tokens = grown;
-    t->token_capacity = static_cast<uint32_t>(2 * capacity);
-    return grown;
+    uint64_t bytes = uint64_t(t->token_capacity) * sizeof(jsmn_token);
+    void *grown;
+    if (t->tokens == t->initial_tokens) {
+        grown = malloc(2 * bytes);
+        if (grown != nullptr)
+            memcpy(grown, t->tokens, bytes);
+    } else {
+        grown = realloc(t->tokens, 2 * bytes);
+    }
+    ZOR_ASSERT(grown != ZOR_NULL);
+    t->tokens = static_cast<jsmn_token *>(grown);
+    t->token_capacity *= 2;
+    return t->tokens;
+}
+
+/* Skips white space from i: the offset of the first other byte, or len.
+ * Runs are read 16 bytes at a time while whole groups fit in the input. */
+inline uint64_t jsmn_skip_space(const char *text, uint64_t len, uint64_t i)
+{
+    if (i < len && !tables.space[static_cast<unsigned char>(text[i])])
+        return i; /* a single byte of space, the usual case in a line */
+#ifdef __SSE2__
+    const __m128i sp = _mm_set1_epi8(' '), lf = _mm_set1_epi8('\n');
+    const __m128i tab = _mm_set1_epi8('\t'), cr = _mm_set1_epi8('\r');
+    for (; i + 16 <= len; i += 16) {
+        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(text + i));
+        __m128i ws = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, sp), _mm_cmpeq_epi8(v, lf)),
+                                  _mm_or_si128(_mm_cmpeq_epi8(v, tab), _mm_cmpeq_epi8(v, cr)));
+        unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(ws));
+        if (mask != 0xFFFF)
+            return i + static_cast<unsigned>(__builtin_ctz(~mask));
+    }
+#endif
+    while (i < len && tables.space[static_cast<unsigned char>(text[i])])
+        i++;
+    return i;
 }
 
 /*
@@ -134,7 +171,8 @@ inline uint64_t jsmn_skip_primitive_bytes(const char *, uint64_t, uint64_t i)
  * quote, left in *i. Returns 0, or the error for an invalid escape or an
  * input that ends (or reaches a NUL) first.
  */
-inline int32_t jsmn_scan_string(const char *text, uint64_t len, uint64_t &i)
+__attribute__((always_inline)) inline int32_t jsmn_scan_string(const char *text, uint64_t len,
+                                                               uint64_t &i)
 {
     for (;;) {
         bool stop = false; /* text[i] is a quote, backslash or NUL */
@@ -248,6 +286,7 @@ int32_t jsmn_parse(jsmn_tokenizer *t, const char *text, uint64_t len)
     t->text_len = len;
     jsmn_token *tokens = t->tokens;
     uint32_t capacity = t->token_capacity;
+    const uint32_t capacity0 = capacity;
     uint32_t next = 0;
     int32_t super = -1;
     /* The innermost open container, -1 when none is open. Every open
@@ -283,18 +322,35 @@ int32_t jsmn_parse(jsmn_tokenizer *t, const char *text, uint64_t len)
 
     /*
      * Every byte between tokens is acted on the same way wherever it
-     * appears; what differs between the two entry points below is only the
-     * order in which the likely bytes are tested. Where a value may start
-     * (after an opening bracket, comma or colon) a quote or bracket is
-     * likely, after a value a comma, closing bracket or colon. Separate
-     * tests at separate places predict far better than one jump table.
+     * appears; what differs between the entry points below is only the
+     * order in which the likely bytes are tested. After "{" or a comma in
+     * an object a key is likely, then a colon; after a colon, "[" or a
+     * comma in an array a value; after a value a comma or closing bracket.
+     * Separate tests at separate places predict far better than one jump
+     * table.
      */
+key:
+    if (__builtin_expect(pos >= len, 0))
+        goto done;
+    c = static_cast<unsigned char>(text[pos]);
+    if (__builtin_expect(c == '"', 1))
+        goto string;
+    if (tables.space[c]) {
+        pos = jsmn_skip_space(text, len, pos + 1);
+        goto key;
+    }
+    goto value;
+
 value:
     if (__builtin_expect(pos >= len, 0))
         goto done;
     c = static_cast<unsigned char>(text[pos]);
     if (c == '"')
         goto string;
+    if (tables.space[c]) {
+        pos = jsmn_skip_space(text, len, pos + 1);
+        goto value;
+    }
     if (tables.bare[c])
         goto primitive;
     if (c == '{' || c == '[')
@@ -309,6 +365,10 @@ after:
         goto comma;
     if (c == '}' || c == ']')
         goto close;
+    if (tables.space[c]) {
+        pos = jsmn_skip_space(text, len, pos + 1);
+        goto after;
+    }
     if (c == ':')
         goto colon;
     goto any;
@@ -321,7 +381,7 @@ any:
     case '\n':
     case '\r':
     case ' ':
-        pos++;
+        pos = jsmn_skip_space(text, len, pos + 1);
         goto value;
     case '{':
     case '[':
@@ -344,6 +404,8 @@ open:
     jsmn_token_put(tok, c == '{' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY, nullptr, pos, pos, super, cur);
     super = cur = static_cast<int32_t>(next - 1);
     pos++;
+    if (c == '{')
+        goto key;
     goto value;
 
 close:
@@ -379,6 +441,9 @@ string:
     jsmn_token_put(tok, JSMN_TOK_STRING, text + pos + 1, i - pos - 1, pos + 1, super,
                    static_cast<int32_t>(next));
     pos = i + 1;
+    /* A key's colon, straight away. */
+    if (pos < len && text[pos] == ':')
+        goto colon;
     goto after;
 
 colon:
@@ -390,15 +455,19 @@ colon:
     goto value;
 
 comma:
-    if (super != -1) {
-        /* Past a member value: from its key back to the object. */
-        tok = &tokens[super];
-        super = (tok->type == JSMN_TOK_OBJECT || tok->type == JSMN_TOK_ARRAY) ? super : tok->parent;
-    }
     pos++;
-    if (pos < len && text[pos] == ' ')
-        pos++;
-    goto value;
+    if (super == -1)
+        goto value;
+    tok = &tokens[super];
+    if (tok->type == JSMN_TOK_ARRAY)
+        goto value;
+    if (tok->type != JSMN_TOK_OBJECT) {
+        /* Past a member value: from its key back to the object. */
+        super = tok->parent;
+        if (super == -1 || tokens[super].type != JSMN_TOK_OBJECT)
+            goto value;
+    }
+    goto key;
 
 primitive:
     i = jsmn_skip_primitive_bytes(text, len, pos);
@@ -432,6 +501,10 @@ fail:
         tok->str.len = 0;
     }
 out:
+    /* Grown arrays are not zero-filled: clear what was not taken. */
+    if (capacity != capacity0)
+        memset(static_cast<void *>(tokens + next), 0,
+               uint64_t(capacity - next) * sizeof(jsmn_token));
     t->pos = static_cast<uint32_t>(pos);
     t->next_token = next;
     t->super_token = super;
