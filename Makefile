@@ -3,7 +3,8 @@
 #   make test       build and run every test (ctest)
 #   make sanitize   the same tests built with clang, ASan and UBSan
 #   make memcheck   every test program under valgrind memcheck (errors and leaks fail)
-#   make bench      build and run the benchmarks (Release)
+#   make bench      build and run the benchmarks (Release) on the JSON documents
+#                   in BENCH_DATA (default ../shared/bench-data/json, if there)
 #   make fuzz       run every fuzz target for FUZZ_SECONDS (default 60) each
 #   make install    install into PREFIX (default /usr/local)
 
@@ -12,6 +13,7 @@ SAN      ?= build-san
 BENCHDIR ?= build-bench
 FUZZDIR  ?= build-fuzz
 FUZZ_SECONDS ?= 60
+BENCH_DATA ?= $(wildcard ../shared/bench-data/json)
 PREFIX   ?= /usr/local
 JOBS     ?= $(shell nproc)
 CMAKE_FLAGS ?=
@@ -53,7 +55,8 @@ memcheck: build
 bench: deps
 	cmake -S . -B $(BENCHDIR) -G Ninja -DCMAKE_BUILD_TYPE=Release -DZOR_BUILD_BENCH=ON -DZOR_BUILD_TESTS=OFF $(CMAKE_FLAGS)
 	cmake --build $(BENCHDIR) -j $(JOBS)
-	@for b in $(BENCHDIR)/bench/bench_*; do echo "== $$b"; $$b --benchmark_min_time=0.2; done
+	@for b in $(BENCHDIR)/bench/bench_*; do echo "== $$b"; \
+	  ZOR_BENCH_DATA=$${ZOR_BENCH_DATA:-$(BENCH_DATA)} $$b --benchmark_min_time=0.2; done
 
 fuzz: deps
 	CC=clang CXX=clang++ cmake -S . -B $(FUZZDIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZOR_BUILD_FUZZ=ON -DZOR_STATIC=ON -DZOR_BUILD_TESTS=OFF -DZOR_BUILD_EXAMPLES=OFF $(CMAKE_FLAGS)

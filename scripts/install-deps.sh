@@ -10,6 +10,7 @@ packages=(
   libbenchmark-dev                # benchmarks
   libxxhash-dev                   # hashing
   rapidjson-dev                   # benchmark baselines
+  libsimdjson-dev                 # benchmark baseline (bench_jsmn)
   valgrind                        # memcheck
 )
 
