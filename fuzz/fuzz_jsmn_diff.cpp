@@ -6,7 +6,8 @@
  * whole text again (reusing the grown array), and after every parse they
  * must agree on the result, pos, next_token, super_token, text, capacity,
  * whether the caller's array is still in use, and every byte of the whole
- * token array, also the tokens left from earlier parses.
+ * token array, also the tokens left from earlier parses. Destroying frees
+ * the tokenizer's own array and leaves the caller's.
  */
 #include "jsmn_model.h"
 
@@ -44,7 +45,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         CHECK((real.tokens == real.initial_tokens) == (model.tokens == model.initial_tokens));
         CHECK(memcmp(real.tokens, model.tokens, real.token_capacity * sizeof(jsmn_token)) == 0);
     }
+    /* Destroying frees only the tokenizer's own array. */
+    jsmn_token *kept = real.tokens == real.initial_tokens ? real.tokens : nullptr;
     jsmn_destroy(&real);
+    CHECK(real.tokens == kept);
     jsmn_destroy(&model);
     return 0;
 }

@@ -1,4 +1,9 @@
-/* JSON tokenizer: token tables, error codes and positions, growth, unescape. */
+/*
+ * JSON tokenizer: token tables, error codes and positions, unescape, inputs
+ * past 2 GiB. Growth, ownership and everything else the parse leaves behind
+ * are compared with a plain reference by fuzz/fuzz_jsmn_diff.cpp, replayed
+ * on its corpus as a test.
+ */
 #include "zor_test.h"
 #include "jsmn/jsmn.h"
 
@@ -84,18 +89,6 @@ TEST(Jsmn, TokenTables)
                        "P " + prim + " 1 0 2", "S " + word + "\\/" + word + " 0 1 3"}));
 }
 
-TEST(Jsmn, StringStartAndPrimitiveAtEnd)
-{
-    jsmn_token tok[2];
-    jsmn_tokenizer t;
-    jsmn_init(&t, tok, 2);
-    EXPECT_EQ(jsmn_parse(&t, " \"ab\" 12", 8), 2);
-    EXPECT_EQ(t.tokens[0].start, 2);
-    EXPECT_EQ(t.tokens[1].start, 6);
-    EXPECT_EQ(t.tokens[1].str.len, 2u);
-    EXPECT_EQ(t.pos, 8u);
-}
-
 TEST(Jsmn, ErrorsAndPositions)
 {
     struct {
@@ -150,33 +143,6 @@ TEST(Jsmn, ErrorsAndPositions)
     EXPECT_EQ(tokenize("[1] :]").result, 2);
 }
 
-TEST(Jsmn, GrowthAndOwnership)
-{
-    jsmn_token local[2];
-    jsmn_tokenizer t;
-    jsmn_init(&t, local, 2);
-    EXPECT_EQ(t.tokens, local);
-    const char *text = "[1,2,3,[4,5,6,7],8]";
-    EXPECT_EQ(jsmn_parse(&t, text, strlen(text)), 10);
-    EXPECT_NE(t.tokens, local);
-    EXPECT_EQ(t.initial_tokens, local);
-    EXPECT_EQ(t.token_capacity, 16u);
-    EXPECT_EQ(show(t.tokens[4]), "A [4,5,6,7] 4 0 9");
-    EXPECT_EQ(show(t.tokens[8]), "P 7 0 4 9");
-    jsmn_token *grown = t.tokens;
-    EXPECT_EQ(jsmn_parse(&t, "[1]", 3), 2); /* growth is kept */
-    EXPECT_EQ(t.tokens, grown);
-    EXPECT_EQ(t.token_capacity, 16u);
-    jsmn_destroy(&t); /* frees the grown array, not `local` */
-    EXPECT_EQ(t.tokens, nullptr);
-
-    jsmn_init(&t, nullptr, 1); /* the tokenizer's own array */
-    EXPECT_NE(t.tokens, nullptr);
-    EXPECT_EQ(jsmn_parse(&t, "[[[]]]", 6), 3);
-    EXPECT_EQ(t.token_capacity, 4u);
-    jsmn_destroy(&t);
-}
-
 TEST(Jsmn, Unescape)
 {
     char buf[16];
@@ -228,8 +194,8 @@ TEST(Jsmn, InputPast2GiB)
     const char *texts[] = {doc, "a", "{\"k\": [1, 22]}", "k", "[1, 22]", "1", "22"};
     for (int i = 0; i < 7; i++) {
         const jsmn_token &k = t.tokens[i];
-        EXPECT_EQ(std::string(k.str.ptr, k.str.len), texts[i]);
-        EXPECT_EQ(k.str.ptr, base + far + (strstr(doc, texts[i]) - doc));
+        ASSERT_EQ(k.str.ptr, base + far + (strstr(doc, texts[i]) - doc)) << i;
+        ASSERT_EQ(k.str.len, strlen(texts[i])) << i;
         EXPECT_EQ(static_cast<uint32_t>(k.start), static_cast<uint32_t>(k.str.ptr - base));
     }
     EXPECT_EQ(t.pos, static_cast<uint32_t>(far + sizeof(doc) - 1));
