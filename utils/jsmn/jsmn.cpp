@@ -115,7 +115,7 @@ __attribute__((noinline)) jsmn_token *jsmn_tokens_grow(jsmn_tokenizer *t)
 inline uint64_t jsmn_skip_space(const char *text, uint64_t len, uint64_t i)
 {
     if (i < len && !tables.space[static_cast<unsigned char>(text[i])])
-        return i; /* a single byte of space, the usual case in a line */
+        return i; /* a run of one byte, the usual case inside a line */
 #ifdef __SSE2__
     const __m128i sp = _mm_set1_epi8(' '), lf = _mm_set1_epi8('\n');
     const __m128i tab = _mm_set1_epi8('\t'), cr = _mm_set1_epi8('\r');
