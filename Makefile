@@ -3,7 +3,8 @@
 #   make test       build and run every test (ctest)
 #   make sanitize   the same tests built with clang, ASan and UBSan
 #   make memcheck   every test program under valgrind memcheck (errors and leaks fail)
-#   make bench      build and run the benchmarks (Release)
+#   make bench      build and run the benchmarks (Release) on the JSON documents
+#                   in BENCH_DATA (default ../shared/bench-data/json, if there)
 #   make fuzz       run every fuzz target for FUZZ_SECONDS (default 60) each
 #   make install    install into PREFIX (default /usr/local); sudo only for
 #                   the copy when PREFIX is not writable
@@ -14,6 +15,7 @@ SAN      ?= build-san
 BENCHDIR ?= build-bench
 FUZZDIR  ?= build-fuzz
 FUZZ_SECONDS ?= 60
+BENCH_DATA ?= $(wildcard ../shared/bench-data/json)
 PREFIX   ?= /usr/local
 JOBS     ?= $(shell nproc)
 CMAKE_FLAGS ?=
@@ -60,7 +62,8 @@ bench: deps
 	@echo "bench: zor and the benchmarks are built Release (-O3 -DNDEBUG). Debian's libbenchmark" \
 	  "itself is compiled without NDEBUG, so each program prints '***WARNING*** Library was" \
 	  "built as DEBUG': that is the timing library's own build, not ours."
-	@for b in $(BENCHDIR)/bench/bench_*; do echo "== $$b"; $$b --benchmark_min_time=0.2 || exit 1; done
+	@for b in $(BENCHDIR)/bench/bench_*; do echo "== $$b"; \
+	  ZOR_BENCH_DATA=$${ZOR_BENCH_DATA:-$(BENCH_DATA)} $$b --benchmark_min_time=0.2 || exit 1; done
 
 fuzz: deps
 	CC=clang CXX=clang++ cmake -S . -B $(FUZZDIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZOR_BUILD_FUZZ=ON -DZOR_STATIC=ON -DZOR_BUILD_TESTS=OFF -DZOR_BUILD_EXAMPLES=OFF $(CMAKE_FLAGS)

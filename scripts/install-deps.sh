@@ -13,6 +13,7 @@ packages=(
   libbenchmark-dev                # benchmarks
   libxxhash-dev                   # hashing
   rapidjson-dev                   # benchmark baselines
+  libsimdjson-dev                 # benchmark baseline (bench_jsmn)
   valgrind                        # memcheck
   clang-format                    # the code style check of .ci/run
 )

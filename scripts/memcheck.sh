@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Runs every test program of a build under valgrind memcheck, once each
-# (all of its tests in one process), and fails on any memory error or leak.
+# (all of its tests in one process), and every fuzz corpus replay on its
+# corpus, and fails on any memory error or leak.
 # Usage: scripts/memcheck.sh BUILD_DIR
 set -uo pipefail
 build=${1:?usage: memcheck.sh BUILD_DIR}
@@ -10,16 +11,22 @@ mkdir -p "$logdir"
 # The reference-model test runs fewer sequences: valgrind is slow.
 export ZOR_MODEL_COUNT=${ZOR_MODEL_COUNT:-100}
 
+root=$(cd "$(dirname "$0")/.." && pwd)
 status=0
 count=0
-for prog in "$build"/tests/test_*; do
+for prog in "$build"/tests/test_* "$build"/fuzz/fuzz_*_replay; do
   [[ -x "$prog" && -f "$prog" ]] || continue
   name=$(basename "$prog")
   count=$((count + 1))
+  if [[ $name == *_replay ]]; then
+    args=("$root/fuzz/corpus/${name%_replay}")
+  else
+    args=(--gtest_brief=1)
+  fi
   if valgrind --quiet --error-exitcode=99 --leak-check=full \
        --errors-for-leak-kinds=definite,indirect --show-leak-kinds=definite,indirect \
        --track-origins=yes --log-file="$logdir/$name.%p.log" \
-       "$prog" --gtest_brief=1 > "$logdir/$name.out" 2>&1; then
+       "$prog" "${args[@]}" > "$logdir/$name.out" 2>&1; then
     echo "memcheck: $name clean"
   else
     echo "memcheck: $name FAILED (see $logdir/$name.*)"

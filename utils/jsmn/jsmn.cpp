@@ -11,6 +11,10 @@
  * so a closing bracket always closes the innermost one. Open containers
  * are chained through their skip fields (0 again on every error way out),
  * and one still open at the end means the input was cut short.
+ *
+ * Positions are 64-bit and every text view is made from them, so views are
+ * exact for inputs of any length; the 32-bit fields `start` and `pos` keep
+ * an offset's low 32 bits.
  */
 #include "jsmn.h"
 
@@ -38,8 +42,9 @@ struct jsmn_tables {
     uint8_t prim[256];
     uint8_t str[256];
     uint8_t hex[256];
-    uint8_t bare[256]; /* 1 where a byte between tokens starts a primitive */
-    constexpr jsmn_tables() : prim(), str(), hex(), bare()
+    uint8_t bare[256];  /* 1 where a byte between tokens starts a primitive */
+    uint8_t space[256]; /* 1 for tab, line feed, carriage return and space */
+    constexpr jsmn_tables() : prim(), str(), hex(), bare(), space()
     {
         for (int c = 0; c < 256; c++) {
             prim[c] = (c < 32 || c > 126) ? PRIM_BAD : PRIM_PART;
@@ -58,11 +63,13 @@ struct jsmn_tables {
         const char structure[] = {'\0', '\t', '\n', '\r', ' ', '{', '[', '}', ']', '"', ':', ','};
         for (char c : structure)
             bare[static_cast<uint8_t>(c)] = 0;
+        space[static_cast<uint8_t>('\t')] = space[static_cast<uint8_t>('\n')] = 1;
+        space[static_cast<uint8_t>('\r')] = space[static_cast<uint8_t>(' ')] = 1;
     }
 };
 constexpr jsmn_tables tables;
 
-/* A text view of n bytes at p; offsets here are 32-bit unsigned. */
+/* A text view of n bytes at p (n may exceed what zor_str_init_len takes). */
 inline zor_str jsmn_text(const char *p, uint64_t n)
 {
     zor_str s = zor_str_init_len(p, 0);
@@ -70,17 +77,51 @@ inline zor_str jsmn_text(const char *p, uint64_t n)
     return s;
 }
 
-/* Doubles the token array, keeping the tokens taken so far. */
+/*
+ * Doubles the full token array, keeping its tokens. The caller's array is
+ * copied into a new one; the tokenizer's own is resized in place where the
+ * allocator can. The new half is left unwritten: every token taken is
+ * written whole, and jsmn_parse zeroes what is left untaken when it ends,
+ * so the array reads as if it had been zero-filled.
+ */
 __attribute__((noinline)) jsmn_token *jsmn_tokens_grow(jsmn_tokenizer *t)
 {
-    uint64_t capacity = t->token_capacity;
-    jsmn_token *grown = static_cast<jsmn_token *>(util_calloc(2 * capacity * sizeof(jsmn_token)));
-    memcpy(grown, t->tokens, capacity * sizeof(jsmn_token));
-    if (t->tokens != t->initial_tokens)
-        free(t->tokens);
-    t->tokens = grown;
-    t->token_capacity = static_cast<uint32_t>(2 * capacity);
-    return grown;
+    uint64_t bytes = uint64_t(t->token_capacity) * sizeof(jsmn_token);
+    void *grown;
+    if (t->tokens == t->initial_tokens) {
+        grown = malloc(2 * bytes);
+        if (grown != nullptr)
+            memcpy(grown, t->tokens, bytes);
+    } else {
+        grown = realloc(t->tokens, 2 * bytes);
+    }
+    ZOR_ASSERT(grown != ZOR_NULL);
+    t->tokens = static_cast<jsmn_token *>(grown);
+    t->token_capacity *= 2;
+    return t->tokens;
+}
+
+/* Skips white space from i: the offset of the first other byte, or len.
+ * Runs are read 16 bytes at a time while whole groups fit in the input. */
+inline uint64_t jsmn_skip_space(const char *text, uint64_t len, uint64_t i)
+{
+    if (i < len && !tables.space[static_cast<unsigned char>(text[i])])
+        return i; /* a run of one byte, the usual case inside a line */
+#ifdef __SSE2__
+    const __m128i sp = _mm_set1_epi8(' '), lf = _mm_set1_epi8('\n');
+    const __m128i tab = _mm_set1_epi8('\t'), cr = _mm_set1_epi8('\r');
+    for (; i + 16 <= len; i += 16) {
+        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(text + i));
+        __m128i ws = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, sp), _mm_cmpeq_epi8(v, lf)),
+                                  _mm_or_si128(_mm_cmpeq_epi8(v, tab), _mm_cmpeq_epi8(v, cr)));
+        unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(ws));
+        if (mask != 0xFFFF)
+            return i + static_cast<unsigned>(__builtin_ctz(~mask));
+    }
+#endif
+    while (i < len && tables.space[static_cast<unsigned char>(text[i])])
+        i++;
+    return i;
 }
 
 /*
@@ -121,7 +162,8 @@ inline uint64_t jsmn_skip_primitive_bytes(const char *, uint64_t, uint64_t i)
  * quote, left in *i. Returns 0, or the error for an invalid escape or an
  * input that ends (or reaches a NUL) first.
  */
-inline int32_t jsmn_scan_string(const char *text, uint64_t len, uint64_t &i)
+__attribute__((always_inline)) inline int32_t jsmn_scan_string(const char *text, uint64_t len,
+                                                               uint64_t &i)
 {
     for (;;) {
         bool stop = false; /* text[i] is a quote, backslash or NUL */
@@ -216,30 +258,17 @@ void jsmn_destroy(jsmn_tokenizer *t)
 /* Stores a whole token in one sequence (padding included, as a zeroed
  * token would have it). */
 static inline void jsmn_token_put(jsmn_token *tok, jsmn_tok_type type, const char *ptr,
-                                  uint64_t len, int32_t start, int32_t parent, int32_t skip)
+                                  uint64_t len, uint64_t start, int32_t parent, int32_t skip)
 {
     tok->type = type;
     memset(reinterpret_cast<char *>(tok) + sizeof(tok->type), 0,
            offsetof(jsmn_token, str) - sizeof(tok->type));
     tok->str.ptr = ptr;
     tok->str.len = len;
-    tok->start = start;
+    tok->start = static_cast<int32_t>(start); /* the offset's low 32 bits */
     tok->size = 0;
     tok->parent = parent;
     tok->skip = skip;
-}
-
-/*
- * A closing bracket with no container open: the last token's top-level
- * ancestor decides between an ignored bracket and an error.
- */
-static __attribute__((noinline)) bool jsmn_stray_close_ok(const jsmn_token *tokens, uint32_t next,
-                                                          int32_t super, jsmn_tok_type want)
-{
-    const jsmn_token *tok = &tokens[next - 1];
-    while (tok->parent != -1)
-        tok = &tokens[tok->parent];
-    return tok->type == want && super != -1;
 }
 
 int32_t jsmn_parse(jsmn_tokenizer *t, const char *text, uint64_t len)
@@ -248,28 +277,63 @@ int32_t jsmn_parse(jsmn_tokenizer *t, const char *text, uint64_t len)
     t->text_len = len;
     jsmn_token *tokens = t->tokens;
     uint32_t capacity = t->token_capacity;
+    const uint32_t capacity0 = capacity;
     uint32_t next = 0;
     int32_t super = -1;
     /* The innermost open container, -1 when none is open. Every open
      * container lies on the parent chain of the last token taken, so a
      * closing bracket always closes this one. While a container is open its
-     * skip field links to the next open container out; the final value
-     * (the open containers' 0) is restored on every error way out. */
+     * skip field links to the next open container out and its str.len holds
+     * its 64-bit start offset; both are 0 again on every error way out. */
     int32_t cur = -1;
+    /* The last token's top-level ancestor: the newest token taken with no
+     * parent (a token's parent is always on the parent chain of the token
+     * before it). A closing bracket with no container open checks it. */
+    int32_t top = -1;
     uint64_t pos = 0;
     uint64_t i;
     unsigned char c;
     jsmn_token *tok;
     int32_t result;
 
+    /* Takes the next token as a child of `super`: grows the array when it
+     * is full and counts the child. The caller fills the token. */
+    auto take = [&]() __attribute__((always_inline))->jsmn_token *
+    {
+        if (__builtin_expect(next >= capacity, 0)) {
+            tokens = jsmn_tokens_grow(t);
+            capacity = t->token_capacity;
+        }
+        if (super != -1)
+            tokens[super].size++;
+        else
+            top = static_cast<int32_t>(next);
+        return &tokens[next++];
+    };
+
     /*
      * Every byte between tokens is acted on the same way wherever it
-     * appears; what differs between the two entry points below is only the
-     * order in which the likely bytes are tested. Where a value may start
-     * (after an opening bracket, comma or colon) a quote or bracket is
-     * likely, after a value a comma, closing bracket or colon. Separate
-     * tests at separate places predict far better than one jump table.
+     * appears; what differs between the entry points below is only the
+     * order in which the likely bytes are tested. After "{" or a comma in
+     * an object a key is likely, then a colon; after a colon, "[" or a
+     * comma in an array a value; after a value a comma or closing bracket.
+     * Separate tests at separate places predict far better than one jump
+     * table. White space (after a key's colon a single space is stepped
+     * over at once) goes through the jump table, and its whole run is then
+     * skipped 16 bytes at a time.
      */
+key:
+    if (__builtin_expect(pos >= len, 0))
+        goto done;
+    c = static_cast<unsigned char>(text[pos]);
+    if (__builtin_expect(c == '"', 1))
+        goto string;
+    if (tables.space[c]) {
+        pos = jsmn_skip_space(text, len, pos + 1);
+        goto key;
+    }
+    goto value;
+
 value:
     if (__builtin_expect(pos >= len, 0))
         goto done;
@@ -302,7 +366,7 @@ any:
     case '\n':
     case '\r':
     case ' ':
-        pos++;
+        pos = jsmn_skip_space(text, len, pos + 1);
         goto value;
     case '{':
     case '[':
@@ -321,23 +385,20 @@ any:
     }
 
 open:
-    if (__builtin_expect(next >= capacity, 0)) {
-        tokens = jsmn_tokens_grow(t);
-        capacity = t->token_capacity;
-    }
-    if (super != -1)
-        tokens[super].size++;
-    jsmn_token_put(&tokens[next], c == '{' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY, nullptr, 0,
-                   static_cast<int32_t>(pos), super, cur);
-    super = cur = static_cast<int32_t>(next);
-    next++;
+    tok = take();
+    jsmn_token_put(tok, c == '{' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY, nullptr, pos, pos, super, cur);
+    super = cur = static_cast<int32_t>(next - 1);
     pos++;
+    if (c == '{')
+        goto key;
     goto value;
 
 close:
     if (__builtin_expect(cur == -1, 0)) {
-        if (next == 0 || !jsmn_stray_close_ok(tokens, next, super,
-                                              c == '}' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY)) {
+        /* Nothing open: ignored after a complete top-level value of the
+         * same kind with a super token set (by ":"), else an error. */
+        if (next == 0 || tokens[top].type != (c == '}' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY) ||
+            super == -1) {
             result = JSMN_ERR_INVALID;
             goto fail;
         }
@@ -349,7 +410,7 @@ close:
         result = JSMN_ERR_INVALID;
         goto fail;
     }
-    tok->str = jsmn_text(text + tok->start, pos - uint64_t(tok->start) + 1);
+    tok->str = jsmn_text(text + tok->str.len, pos - tok->str.len + 1);
     cur = tok->skip;
     tok->skip = static_cast<int32_t>(next);
     super = tok->parent;
@@ -361,16 +422,13 @@ string:
     result = jsmn_scan_string(text, len, i);
     if (__builtin_expect(result != 0, 0))
         goto fail; /* pos stays on the opening quote */
-    if (__builtin_expect(next >= capacity, 0)) {
-        tokens = jsmn_tokens_grow(t);
-        capacity = t->token_capacity;
-    }
-    if (super != -1)
-        tokens[super].size++;
-    jsmn_token_put(&tokens[next], JSMN_TOK_STRING, text + pos + 1, i - pos - 1,
-                   static_cast<int32_t>(pos + 1), super, static_cast<int32_t>(next + 1));
-    next++;
+    tok = take();
+    jsmn_token_put(tok, JSMN_TOK_STRING, text + pos + 1, i - pos - 1, pos + 1, super,
+                   static_cast<int32_t>(next));
     pos = i + 1;
+    /* A key's colon, straight away. */
+    if (pos < len && text[pos] == ':')
+        goto colon;
     goto after;
 
 colon:
@@ -382,15 +440,19 @@ colon:
     goto value;
 
 comma:
-    if (super != -1) {
-        /* Past a member value: from its key back to the object. */
-        tok = &tokens[super];
-        super = (tok->type == JSMN_TOK_OBJECT || tok->type == JSMN_TOK_ARRAY) ? super : tok->parent;
-    }
     pos++;
-    if (pos < len && text[pos] == ' ')
-        pos++;
-    goto value;
+    if (super == -1)
+        goto value;
+    tok = &tokens[super];
+    if (tok->type == JSMN_TOK_ARRAY)
+        goto value;
+    if (tok->type != JSMN_TOK_OBJECT) {
+        /* Past a member value: from its key back to the object. */
+        super = tok->parent;
+        if (super == -1 || tokens[super].type != JSMN_TOK_OBJECT)
+            goto value;
+    }
+    goto key;
 
 primitive:
     i = jsmn_skip_primitive_bytes(text, len, pos);
@@ -403,15 +465,9 @@ primitive:
         result = JSMN_ERR_INVALID;
         goto fail;
     }
-    if (__builtin_expect(next >= capacity, 0)) {
-        tokens = jsmn_tokens_grow(t);
-        capacity = t->token_capacity;
-    }
-    if (super != -1)
-        tokens[super].size++;
-    jsmn_token_put(&tokens[next], JSMN_TOK_PRIMITIVE, text + pos, i - pos,
-                   static_cast<int32_t>(pos), super, static_cast<int32_t>(next + 1));
-    next++;
+    tok = take();
+    jsmn_token_put(tok, JSMN_TOK_PRIMITIVE, text + pos, i - pos, pos, super,
+                   static_cast<int32_t>(next));
     pos = i;
     goto after;
 
@@ -422,13 +478,18 @@ done:
     }
     result = JSMN_ERR_PARTIAL;
 fail:
-    /* Open containers show a skip of 0. */
+    /* Open containers show no text and a skip of 0. */
     while (cur != -1) {
         tok = &tokens[cur];
         cur = tok->skip;
         tok->skip = 0;
+        tok->str.len = 0;
     }
 out:
+    /* Grown arrays are not zero-filled: clear what was not taken. */
+    if (capacity != capacity0)
+        memset(static_cast<void *>(tokens + next), 0,
+               uint64_t(capacity - next) * sizeof(jsmn_token));
     t->pos = static_cast<uint32_t>(pos);
     t->next_token = next;
     t->super_token = super;

@@ -26,7 +26,10 @@
  * than it holds; growth is kept for later parses. An array the tokenizer
  * allocated is freed by jsmn_destroy; the caller's own array never is.
  * Token texts point into the caller's input, which must outlive their use.
- * Inputs must be below 4 GiB. A tokenizer is used by one thread at a time.
+ * Token texts are exact for inputs of any length; `start` and `pos` are
+ * 32-bit and hold the low 32 bits of an offset, so for inputs of 2 GiB and
+ * more take offsets as str.ptr - text. A tokenizer is used by one thread
+ * at a time.
  */
 #ifndef ZOR_JSMN_H
 #define ZOR_JSMN_H
@@ -59,7 +62,8 @@ typedef struct jsmn_token {
      * to its closing bracket inclusive. A null ptr marks an object or array
      * that is still open (only seen after an error). */
     zor_str str;
-    int32_t start;  /* input offset of str's first byte; -1 until filled */
+    int32_t start;  /* input offset of str's first byte (its low 32 bits);
+                       -1 until filled */
     int32_t size;   /* direct children: keys of an object, elements of an
                        array, 1 for a key with its value, else 0 */
     int32_t parent; /* enclosing token (a member value's key); -1 at top level */

@@ -1,0 +1,54 @@
+/*
+ * The tokenizer against jsmn_model.h, its documented steps written out
+ * plainly. The first byte picks the starting capacity (1 to 8 tokens) and
+ * whether the caller gives the array; the second picks a cut. One tokenizer
+ * of each kind parses the whole text, then the text cut short, then the
+ * whole text again (reusing the grown array), and after every parse they
+ * must agree on the result, pos, next_token, super_token, text, capacity,
+ * whether the caller's array is still in use, and every byte of the whole
+ * token array, also the tokens left from earlier parses. Destroying frees
+ * the tokenizer's own array and leaves the caller's.
+ */
+#include "jsmn_model.h"
+
+#include <stdint.h>
+#include <string.h>
+
+#include <vector>
+
+#include "fuzz_check.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    if (size < 2)
+        return 0;
+    uint32_t capacity = 1 + data[0] % 8;
+    bool own = data[0] & 8;
+    /* An exact-size copy lets memory checkers see any read past the text. */
+    std::vector<char> text(data + 2, data + size);
+    uint64_t len = text.size(), cut = data[1] % (len + 1);
+    const char *ptr = text.data();
+
+    jsmn_token given[2][8];
+    memset(static_cast<void *>(given), 0x5a, sizeof(given)); /* not what a parse writes */
+    jsmn_tokenizer real, model;
+    jsmn_init(&real, own ? given[0] : nullptr, capacity);
+    jsmn_init(&model, own ? given[1] : nullptr, capacity);
+    for (uint64_t n : {len, cut, len}) {
+        int32_t got = jsmn_parse(&real, ptr, n);
+        CHECK(got == jsmn_model::parse(&model, ptr, n));
+        CHECK(real.pos == model.pos);
+        CHECK(real.next_token == model.next_token);
+        CHECK(real.super_token == model.super_token);
+        CHECK(real.text == ptr && real.text_len == n);
+        CHECK(real.token_capacity == model.token_capacity);
+        CHECK((real.tokens == real.initial_tokens) == (model.tokens == model.initial_tokens));
+        CHECK(memcmp(real.tokens, model.tokens, real.token_capacity * sizeof(jsmn_token)) == 0);
+    }
+    /* Destroying frees only the tokenizer's own array. */
+    jsmn_token *kept = real.tokens == real.initial_tokens ? real.tokens : nullptr;
+    jsmn_destroy(&real);
+    CHECK(real.tokens == kept);
+    jsmn_destroy(&model);
+    return 0;
+}
