@@ -10,6 +10,7 @@ packages=(
   libbenchmark-dev                # benchmarks
   libxxhash-dev                   # hashing
   rapidjson-dev                   # benchmark baselines
+  libboost-dev libsigc++-2.0-dev  # signal libraries compared in bench_reg
   valgrind                        # memcheck
 )
 
