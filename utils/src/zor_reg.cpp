@@ -237,8 +237,9 @@ void zor_reg_entry_changed(zor_reg_field_info *field, zor_reg_entry *entry)
         return;
     uint8_t *queued = zor_reg_entry_queued_bits(hdr, ds_rec->rec_info);
     zor_reg_level *levels = ds_rec->ds->levels;
-    for (zor_partition_elem *slot = ds_field->bucket.first; slot != nullptr; slot = slot->next) {
-        zor_reg_rec_update *reg = static_cast<zor_reg_rec_update *>(slot->entry);
+    zor_reg_rec_update *reg;
+    ZOR_PARTITION_BUCKET_FOREACH(&ds_field->bucket, reg)
+    {
         if (zor_reg_bit_get(queued, reg->id))
             continue;
         zor_reg_bit_set(queued, reg->id);
@@ -248,7 +249,7 @@ void zor_reg_entry_changed(zor_reg_field_info *field, zor_reg_entry *entry)
             zor_partition_bucket_add(&level->parts[a], &reg->buckets[a], reg);
             reg->in_partition = 1;
         }
-        zor_reg_bucket_append(&level->parts[a], &reg->buckets[a], hdr);
+        zor_partition_entry_add(&reg->buckets[a], hdr);
     }
 }
 
@@ -432,9 +433,9 @@ void zor_reg_rec_delete_pending(void *rec, const zor_reg_field_info *field, int 
     ZOR_ASSERT(flag);
     zor_reg_entry *entry = zor_reg_rec_entry(rec, field->rec_info);
     ZOR_ASSERT(!zor_reg_entry_delete_pending(entry));
-    zor_partition_bucket *next;
-    for (zor_partition_bucket *b = entry->ds_rec->field_partition.buckets; b != nullptr; b = next) {
-        next = b->next;
+    zor_partition_bucket *b;
+    ZOR_PARTITION_BUCKETS_FOREACH(&entry->ds_rec->field_partition, b)
+    {
         zor_reg_field_info *watched = static_cast<struct zor_reg_ds_field *>(b->data)->field_info;
         if (zor_reg_flag_get(rec, watched))
             zor_reg_entry_changed(watched, entry);
@@ -547,29 +548,29 @@ void zor_reg_discard_snapshot(zor_reg_ds *ds)
 
     /* Buckets newest first: updated, then created. Every deleted record is
      * unlinked before any is freed. */
-    for (zor_partition_bucket *b = ds->snapshot_partition.buckets; b != nullptr; b = b->next)
-        for (zor_partition_elem *slot = b->first; slot != nullptr; slot = slot->next) {
-            zor_reg_entry *entry = static_cast<zor_reg_entry *>(slot->entry);
-            if (entry->snapshot_deleted)
-                zor_reg_rec_unlink(entry);
+    zor_partition_bucket *b;
+    zor_reg_entry *entry;
+    ZOR_PARTITION_BUCKETS_FOREACH(&ds->snapshot_partition, b)
+    ZOR_PARTITION_BUCKET_FOREACH(b, entry)
+    if (entry->snapshot_deleted)
+        zor_reg_rec_unlink(entry);
+    ZOR_PARTITION_BUCKETS_FOREACH(&ds->snapshot_partition, b)
+    ZOR_PARTITION_BUCKET_FOREACH(b, entry)
+    {
+        if (entry->backup != nullptr)
+            zor_reg_backup_release(entry);
+        if (entry->snapshot_deleted) {
+            zor_reg_rec_free(entry);
+            continue;
         }
-    for (zor_partition_bucket *b = ds->snapshot_partition.buckets; b != nullptr; b = b->next)
-        for (zor_partition_elem *slot = b->first; slot != nullptr; slot = slot->next) {
-            zor_reg_entry *entry = static_cast<zor_reg_entry *>(slot->entry);
-            if (entry->backup != nullptr)
-                zor_reg_backup_release(entry);
-            if (entry->snapshot_deleted) {
-                zor_reg_rec_free(entry);
-                continue;
-            }
-            ZOR_ASSERT(!entry->changes_prohibited);
-            entry->snapshot_updated = 0;
-            entry->snapshot_created = 0;
-            zor_reg_rec_info *rec_info = entry->ds_rec->rec_info;
-            memcpy(zor_reg_entry_snapshot_bits(entry, rec_info),
-                   zor_reg_entry_set_bits(entry, rec_info),
-                   zor_reg_bit_bytes(entry->ds_rec->field_count));
-        }
+        ZOR_ASSERT(!entry->changes_prohibited);
+        entry->snapshot_updated = 0;
+        entry->snapshot_created = 0;
+        zor_reg_rec_info *rec_info = entry->ds_rec->rec_info;
+        memcpy(zor_reg_entry_snapshot_bits(entry, rec_info),
+               zor_reg_entry_set_bits(entry, rec_info),
+               zor_reg_bit_bytes(entry->ds_rec->field_count));
+    }
     zor_partition_destroy(&ds->snapshot_partition);
     ds->snapshot_active = 0;
 }
@@ -628,10 +629,11 @@ void zor_reg_restore_snapshot(zor_reg_ds *ds)
     ds->snapshot_active = 0;
 
     zor_partition_bucket *updated = &ds->snapshot_updated_bucket;
-    for (zor_partition_elem *slot = updated->first; slot != nullptr; slot = slot->next)
-        static_cast<zor_reg_entry *>(slot->entry)->changes_prohibited = 0;
-    for (zor_partition_elem *slot = updated->first; slot != nullptr; slot = slot->next) {
-        zor_reg_entry *entry = static_cast<zor_reg_entry *>(slot->entry);
+    zor_reg_entry *entry;
+    ZOR_PARTITION_BUCKET_FOREACH(updated, entry)
+    entry->changes_prohibited = 0;
+    ZOR_PARTITION_BUCKET_FOREACH(updated, entry)
+    {
         ZOR_ASSERT(entry->snapshot_updated);
         ZOR_ASSERT(!entry->snapshot_created);
         entry->snapshot_updated = 0;
@@ -644,8 +646,8 @@ void zor_reg_restore_snapshot(zor_reg_ds *ds)
 
     /* Records created since the take leave through their delete-pending flag. */
     zor_partition_bucket *created = &ds->snapshot_created_bucket;
-    for (zor_partition_elem *slot = created->first; slot != nullptr; slot = slot->next) {
-        zor_reg_entry *entry = static_cast<zor_reg_entry *>(slot->entry);
+    ZOR_PARTITION_BUCKET_FOREACH(created, entry)
+    {
         ZOR_ASSERT(entry->backup == ZOR_NULL);
         ZOR_ASSERT(!entry->snapshot_updated);
         ZOR_ASSERT(entry->snapshot_created);
@@ -660,8 +662,8 @@ void zor_reg_restore_snapshot(zor_reg_ds *ds)
         }
     }
     zor_reg_process(ds);
-    for (zor_partition_elem *slot = created->first; slot != nullptr; slot = slot->next) {
-        zor_reg_entry *entry = static_cast<zor_reg_entry *>(slot->entry);
+    ZOR_PARTITION_BUCKET_FOREACH(created, entry)
+    {
         ZOR_ASSERT(entry->snapshot_created_restore);
         ZOR_ASSERT(entry->snapshot_deleted);
         zor_reg_rec_unlink(entry);

@@ -558,27 +558,28 @@ static void zor_reg_process_pass(zor_reg_level *level, uint32_t iterations)
         zor_reg_rec_update *reg = static_cast<zor_reg_rec_update *>(p->buckets->data);
         uint64_t queued_offset = reg->ds_rec->rec_info->reg_bitfield_offset;
         uint32_t id = reg->id;
-        for (zor_partition_elems *elems = p->elems; elems != nullptr; elems = elems->next) {
-            zor_partition_elem *slots = elems->slots;
-            for (uint32_t i = 0, n = elems->count; i < n; i++)
-                zor_reg_bit_clear(static_cast<uint8_t *>(slots[i].entry) + queued_offset, id);
-        }
+        uint8_t *entry;
+        ZOR_PARTITION_ENTRIES_FOREACH(p, entry)
+        zor_reg_bit_clear(entry + queued_offset, id);
         reg->in_partition = 0;
     } else {
-        for (zor_partition_bucket *b = p->buckets; b != nullptr; b = b->next) {
+        zor_partition_bucket *b;
+        ZOR_PARTITION_BUCKETS_FOREACH(p, b)
+        {
             zor_reg_rec_update *reg = static_cast<zor_reg_rec_update *>(b->data);
             uint64_t queued_offset = reg->ds_rec->rec_info->reg_bitfield_offset;
             uint32_t id = reg->id;
-            for (zor_partition_elem *slot = b->first; slot != nullptr; slot = slot->next)
-                zor_reg_bit_clear(reinterpret_cast<uint8_t *>(slot->entry) + queued_offset, id);
+            uint8_t *entry;
+            ZOR_PARTITION_BUCKET_FOREACH(b, entry)
+            zor_reg_bit_clear(entry + queued_offset, id);
             reg->in_partition = 0;
         }
     }
     level->active ^= 1;
 
-    zor_partition_bucket *next;
-    for (zor_partition_bucket *b = p->buckets; b != nullptr; b = next) {
-        next = b->next;
+    zor_partition_bucket *b;
+    ZOR_PARTITION_BUCKETS_FOREACH(p, b)
+    {
         zor_reg_process_reg(static_cast<zor_reg_rec_update *>(b->data), b, iterations);
     }
     zor_partition_reset(p);

@@ -127,27 +127,6 @@ static inline int zor_reg_entry_matches(const zor_reg_entry *entry, const zor_re
 }
 
 /*
- * zor_partition_entry_add for the queueing hot path, given the bucket's
- * partition `p` (known to the caller without loading it from the bucket):
- * takes the next slot of the newest array in place, and leaves growth (a
- * new array) to zor_partition_entry_add itself.
- */
-static inline void zor_reg_bucket_append(zor_partition *p, zor_partition_bucket *bucket,
-                                         void *entry)
-{
-    zor_partition_elems *elems = p->elems;
-    if (__builtin_expect(elems->count == elems->size, 0)) {
-        zor_partition_entry_add(bucket, entry);
-        return;
-    }
-    zor_partition_elem *slot = &elems->slots[elems->count++];
-    slot->entry = entry;
-    *bucket->tail = slot;
-    bucket->tail = &slot->next;
-    bucket->count++;
-}
-
-/*
  * Queues `entry` for every update registration watching `field` (defined
  * in zor_reg.cpp; also used by snapshot restore).
  */
