@@ -2,6 +2,7 @@
 #include "zor_test.h"
 #include "zor_partition.h"
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -49,8 +50,9 @@ TEST(Partition, SlotArraysGrowByDoubling)
         std::vector<uint32_t> sizes;
         uint32_t next_size;
     } cases[] = {
-        {2, 2, {2}, 128},          {2, 3, {128, 2}, 256},         {2, 130, {128, 2}, 256},
-        {2, 131, {256, 128, 2}, 512}, {0, 0, {0}, 128},           {0, 1, {128, 0}, 256},
+        {2, 2, {2}, 128},        {2, 3, {128, 2}, 256},
+        {2, 130, {128, 2}, 256}, {2, 131, {256, 128, 2}, 512},
+        {0, 0, {0}, 128},        {0, 1, {128, 0}, 256},
     };
     for (const auto &c : cases) {
         zor_partition p;
@@ -84,12 +86,29 @@ TEST(Partition, InterleavedBucketsAndProcessOrder)
         zor_partition_entry_add(&b[i % 2], &values[i]);
     EXPECT_EQ(entries_of(&b[0]), (std::vector<int>{0, 2, 4}));
 
+    /* The walking forms see what the iterators see, across both slot arrays. */
+    std::vector<int> walked;
+    int *entry;
+    ZOR_PARTITION_BUCKET_FOREACH(&b[1], entry)
+    walked.push_back(*entry);
+    EXPECT_EQ(walked, entries_of(&b[1]));
+    std::string order;
+    zor_partition_bucket *bucket;
+    ZOR_PARTITION_BUCKETS_FOREACH(&p, bucket)
+    order += static_cast<const char *>(bucket->data) + std::string(" ");
+    EXPECT_EQ(order, "third second first ");
+    walked.clear();
+    ZOR_PARTITION_ENTRIES_FOREACH(&p, entry)
+    walked.push_back(*entry);
+    std::sort(walked.begin(), walked.end());
+    EXPECT_EQ(walked, (std::vector<int>{0, 1, 2, 3, 4, 5}));
+
     /* Buckets come newest first, an empty one with count 0; walking changes nothing. */
     for (int pass = 0; pass < 2; pass++) {
         seen.clear();
         zor_partition_process(&p, record_call);
-        EXPECT_EQ(seen, (std::vector<std::string>{"third 0:", "second 3: 1 3 5",
-                                                  "first 3: 0 2 4"}));
+        EXPECT_EQ(seen,
+                  (std::vector<std::string>{"third 0:", "second 3: 1 3 5", "first 3: 0 2 4"}));
     }
 
     zor_partition_destroy(&p);

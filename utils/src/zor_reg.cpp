@@ -225,32 +225,40 @@ void zor_reg_disable(zor_reg_rec_update *reg)
 
 /* ---- values -------------------------------------------------------------- */
 
+/*
+ * Appends `entry` to the buckets of the registrations in `watchers` (a
+ * field's bucket of watching registrations) that do not have it queued
+ * yet. The first entry of a registration in a pass chains its bucket into
+ * the level's active partition first (out of line: once per pass).
+ */
+static inline void zor_reg_entry_queue(zor_partition_bucket *watchers, zor_reg_entry *entry,
+                                       uint8_t *queued, zor_reg_level *levels)
+{
+    zor_reg_rec_update *reg;
+    ZOR_PARTITION_BUCKET_FOREACH(watchers, reg)
+    {
+        uint32_t id = reg->id;
+        if (zor_reg_bit_get(queued, id))
+            continue;
+        zor_reg_bit_set(queued, id);
+        if (__builtin_expect(!reg->in_partition, 0))
+            zor_reg_queue(reg);
+        zor_partition_entry_add(&reg->buckets[levels[reg->level].active], entry);
+    }
+}
+
 void zor_reg_entry_changed(zor_reg_field_info *field, zor_reg_entry *entry)
 {
+    /* `hdr`: the name the assertion text below reports. */
     zor_reg_entry *hdr = entry;
     ZOR_ASSERT(!hdr->changes_prohibited);
-    if (zor_reg_entry_delete_pending(hdr))
+    if (zor_reg_entry_delete_pending(entry))
         return;
-    struct zor_reg_ds_rec *ds_rec = hdr->ds_rec;
+    struct zor_reg_ds_rec *ds_rec = entry->ds_rec;
     struct zor_reg_ds_field *ds_field = &ds_rec->fields[field->id];
-    if (!ds_field->in_partition)
-        return;
-    uint8_t *queued = zor_reg_entry_queued_bits(hdr, ds_rec->rec_info);
-    zor_reg_level *levels = ds_rec->ds->levels;
-    zor_reg_rec_update *reg;
-    ZOR_PARTITION_BUCKET_FOREACH(&ds_field->bucket, reg)
-    {
-        if (zor_reg_bit_get(queued, reg->id))
-            continue;
-        zor_reg_bit_set(queued, reg->id);
-        zor_reg_level *level = &levels[reg->level];
-        uint8_t a = level->active;
-        if (!reg->in_partition) {
-            zor_partition_bucket_add(&level->parts[a], &reg->buckets[a], reg);
-            reg->in_partition = 1;
-        }
-        zor_partition_entry_add(&reg->buckets[a], hdr);
-    }
+    if (ds_field->in_partition)
+        zor_reg_entry_queue(&ds_field->bucket, entry,
+                            zor_reg_entry_queued_bits(entry, ds_rec->rec_info), ds_rec->ds->levels);
 }
 
 /* Calls the field's notifiers in order; the record is not yet changed. */
@@ -319,35 +327,164 @@ static inline void zor_reg_set_bit_put(zor_reg_entry *entry, const zor_reg_rec_i
         zor_reg_bit_put(zor_reg_entry_snapshot_bits(entry, rec_info), id, value);
 }
 
-/* The hot path: everything it calls in this file is inlined into it. */
-__attribute__((flatten)) void zor_reg_field_set(void *rec, zor_reg_field_info *field,
-                                                const void *value)
+/*
+ * The steps of a field change after its notifiers, in full: snapshot mark
+ * and backup, store, queueing, set bits. The hot path comes here only with
+ * a snapshot active.
+ */
+static __attribute__((noinline)) void zor_reg_field_change_store(zor_reg_entry *entry,
+                                                                 zor_reg_field_info *field,
+                                                                 const void *value, int was_set)
 {
-    zor_reg_rec_info *rec_info = field->rec_info;
-    zor_reg_entry *entry = zor_reg_rec_entry(rec, rec_info);
-    uint32_t id = field->id;
-    int was_set = zor_reg_bit_get(zor_reg_entry_set_bits(entry, rec_info), id);
     int is_set = value != nullptr;
-    if (was_set && is_set) {
-        const zor_datatype_info *type = field->type;
-        if (type->cmp_eq == nullptr ||
-            type->cmp_eq(static_cast<char *>(rec) + field->offset, value, type) == 0)
-            return;
-    } else if (was_set == is_set) {
-        return;
-    }
-
-    zor_reg_field_notifiers_call(&entry->ds_rec->fields[id], rec, field, is_set, value);
     zor_reg_ds *ds = entry->ds_rec->ds;
-    if (__builtin_expect(ds->snapshot_active != 0, 0)) {
-        zor_reg_snapshot_mark(ds, entry);
-        zor_reg_field_value_update(entry, field, value, is_set, 1);
-    } else {
-        zor_reg_field_value_update(entry, field, value, is_set, 0);
-    }
+    zor_reg_snapshot_mark(ds, entry);
+    zor_reg_field_value_update(entry, field, value, is_set, ds->snapshot_active);
     zor_reg_entry_changed(field, entry);
     if (was_set != is_set)
-        zor_reg_set_bit_put(entry, rec_info, id, is_set);
+        zor_reg_set_bit_put(entry, field->rec_info, field->id, is_set);
+}
+
+/* A change of the set state (a first set or an unset): rare, every step in full. */
+static __attribute__((noinline)) void zor_reg_field_change_state(void *rec,
+                                                                 zor_reg_field_info *field,
+                                                                 const void *value,
+                                                                 zor_reg_entry *entry, int was_set)
+{
+    zor_reg_field_notifiers_call(&entry->ds_rec->fields[field->id], rec, field, value != nullptr,
+                                 value);
+    zor_reg_field_change_store(entry, field, value, was_set);
+}
+
+/*
+ * "mem" values of one machine word or less (the library's int, uint, bool
+ * and mem types of those sizes) are compared and stored directly: the
+ * same as the type's cmp_eq and write, without the indirect calls.
+ */
+template <class T> static inline int zor_reg_word_differs(const void *a, const void *b)
+{
+    T x, y;
+    memcpy(&x, a, sizeof(T));
+    memcpy(&y, b, sizeof(T));
+    return x != y;
+}
+
+/*
+ * For a "mem" value of a word or less: 1 when it equals `value`, 0 when it
+ * differs; -1 for any other type (its cmp_eq decides).
+ */
+static inline int zor_reg_word_equal(const zor_datatype_info *type, const void *stored,
+                                     const void *value)
+{
+    if (type->cmp_eq != zor_datatype_cmp_mem)
+        return -1;
+    switch (type->size) {
+    case 4:
+        return !zor_reg_word_differs<uint32_t>(stored, value);
+    case 8:
+        return !zor_reg_word_differs<uint64_t>(stored, value);
+    case 1:
+        return !zor_reg_word_differs<uint8_t>(stored, value);
+    case 2:
+        return !zor_reg_word_differs<uint16_t>(stored, value);
+    default:
+        return -1;
+    }
+}
+
+/* The type's write of a set value, directly for "mem" values of a word or less. */
+static inline void zor_reg_value_write(const zor_datatype_info *type, void *stored,
+                                       const void *value)
+{
+    zor_datatype_copy_fn write = type->write;
+    if (write == zor_datatype_copy_mem) {
+        switch (type->size) {
+        case 4:
+            memcpy(stored, value, 4);
+            return;
+        case 8:
+            memcpy(stored, value, 8);
+            return;
+        case 1:
+            memcpy(stored, value, 1);
+            return;
+        case 2:
+            memcpy(stored, value, 2);
+            return;
+        default:
+            break;
+        }
+    }
+    if (write != nullptr)
+        write(stored, value, type);
+}
+
+/*
+ * A set field gets a different value: notifiers, store, queueing. The set
+ * bits do not change. What the notifiers cannot change (the kind's state,
+ * the field's place and type) is found once, before them.
+ */
+static __attribute__((noinline)) void zor_reg_field_change(void *rec, zor_reg_field_info *field,
+                                                           const void *value, zor_reg_entry *entry)
+{
+    struct zor_reg_ds_rec *ds_rec = entry->ds_rec;
+    struct zor_reg_ds_field *ds_field = &ds_rec->fields[field->id];
+    zor_reg_field_notifiers_call(ds_field, rec, field, 1, value);
+    zor_reg_ds *ds = ds_rec->ds;
+    if (__builtin_expect(ds->snapshot_active != 0, 0)) {
+        zor_reg_field_change_store(entry, field, value, 1);
+        return;
+    }
+    zor_reg_value_write(field->type, static_cast<char *>(rec) + field->offset, value);
+    if (__builtin_expect(entry->changes_prohibited != 0, 0)) {
+        zor_reg_entry_changed(field, entry); /* stops at its assertion */
+        return;
+    }
+    zor_reg_rec_info *rec_info = ds_rec->rec_info;
+    if (zor_reg_entry_delete_pending(entry))
+        return;
+    if (ds_field->in_partition)
+        zor_reg_entry_queue(&ds_field->bucket, entry, zor_reg_entry_queued_bits(entry, rec_info),
+                            ds->levels);
+}
+
+/* A set field of a type compared through its cmp_eq (no cmp_eq: never changes). */
+static __attribute__((noinline)) void
+zor_reg_field_set_compare(void *rec, zor_reg_field_info *field, const void *value)
+{
+    const zor_datatype_info *type = field->type;
+    if (type->cmp_eq == nullptr ||
+        type->cmp_eq(static_cast<char *>(rec) + field->offset, value, type) == 0)
+        return;
+    zor_reg_field_change(
+        rec, field, value,
+        reinterpret_cast<zor_reg_entry *>(static_cast<char *>(rec) - field->rec_info->rec_offset));
+}
+
+/*
+ * The hot path. An unchanged set is the entry check, a bit test and one
+ * compare, with no frame; the rest is in functions it ends in: a change in
+ * zor_reg_field_change, a compare through the type in
+ * zor_reg_field_set_compare, a change of the set state in
+ * zor_reg_field_change_state.
+ */
+void zor_reg_field_set(void *rec, zor_reg_field_info *field, const void *value)
+{
+    zor_reg_entry *entry = zor_reg_rec_entry(rec, field->rec_info);
+    int was_set = zor_reg_bit_get(zor_reg_entry_set_bits(entry, field->rec_info), field->id);
+    if (__builtin_expect(was_set & (value != nullptr), 1)) {
+        int equal =
+            zor_reg_word_equal(field->type, static_cast<char *>(rec) + field->offset, value);
+        if (__builtin_expect(equal > 0, 1))
+            return;
+        if (equal < 0)
+            zor_reg_field_set_compare(rec, field, value);
+        else
+            zor_reg_field_change(rec, field, value, entry);
+        return;
+    }
+    if (was_set != (value != nullptr))
+        zor_reg_field_change_state(rec, field, value, entry, was_set);
 }
 
 void zor_reg_flag_set(void *rec, zor_reg_field_info *field, int value)
