@@ -424,8 +424,9 @@ static inline void zor_reg_value_write(const zor_datatype_info *type, void *stor
  * bits do not change. What the notifiers cannot change (the kind's state,
  * the field's place and type) is found once, before them.
  */
-static __attribute__((noinline)) void zor_reg_field_change(void *rec, zor_reg_field_info *field,
-                                                           const void *value, zor_reg_entry *entry)
+static inline __attribute__((always_inline)) void
+zor_reg_field_change_steps(void *rec, zor_reg_field_info *field, const void *value,
+                           zor_reg_entry *entry)
 {
     struct zor_reg_ds_rec *ds_rec = entry->ds_rec;
     struct zor_reg_ds_field *ds_field = &ds_rec->fields[field->id];
@@ -448,17 +449,27 @@ static __attribute__((noinline)) void zor_reg_field_change(void *rec, zor_reg_fi
                             ds->levels);
 }
 
-/* A set field of a type compared through its cmp_eq (no cmp_eq: never changes). */
-static __attribute__((noinline)) void
-zor_reg_field_set_compare(void *rec, zor_reg_field_info *field, const void *value)
+/* zor_reg_field_change_steps for a value compared directly. */
+static __attribute__((noinline)) void zor_reg_field_change(void *rec, zor_reg_field_info *field,
+                                                           const void *value, zor_reg_entry *entry)
+{
+    zor_reg_field_change_steps(rec, field, value, entry);
+}
+
+/*
+ * A set field of a type compared through its cmp_eq (without cmp_eq it
+ * never changes); a change goes on in the same frame.
+ */
+static __attribute__((noinline)) void zor_reg_field_set_compare(void *rec,
+                                                                zor_reg_field_info *field,
+                                                                const void *value,
+                                                                zor_reg_entry *entry)
 {
     const zor_datatype_info *type = field->type;
     if (type->cmp_eq == nullptr ||
         type->cmp_eq(static_cast<char *>(rec) + field->offset, value, type) == 0)
         return;
-    zor_reg_field_change(
-        rec, field, value,
-        reinterpret_cast<zor_reg_entry *>(static_cast<char *>(rec) - field->rec_info->rec_offset));
+    zor_reg_field_change_steps(rec, field, value, entry);
 }
 
 /*
@@ -478,7 +489,7 @@ void zor_reg_field_set(void *rec, zor_reg_field_info *field, const void *value)
         if (__builtin_expect(equal > 0, 1))
             return;
         if (equal < 0)
-            zor_reg_field_set_compare(rec, field, value);
+            zor_reg_field_set_compare(rec, field, value, entry);
         else
             zor_reg_field_change(rec, field, value, entry);
         return;
