@@ -481,13 +481,37 @@ void dirty_update(dirty_rec *const *recs, size_t count, void *)
         delivered += recs[i]->f[0];
 }
 
+/* The changed records of one subscriber: a dirty bit in each record and a vector. */
+struct dirty_changes {
+    std::vector<dirty_rec *> changed, batch;
+
+    void mark(dirty_rec *r)
+    {
+        if (!r->dirty) {
+            r->dirty = 1;
+            changed.push_back(r);
+        }
+    }
+    /* Delivers batches until no change is left (an update may change records again). */
+    void drain(dirty_update_fn update)
+    {
+        while (!changed.empty()) {
+            batch.swap(changed);
+            for (dirty_rec *r : batch)
+                r->dirty = 0;
+            update(batch.data(), batch.size(), nullptr);
+            batch.clear();
+        }
+    }
+};
+
 struct dirty_round {
     struct observer {
         dirty_notify_fn fn;
         void *ctx;
     };
     std::vector<observer> observers[round_fields];
-    std::vector<dirty_rec *> changed, batch;
+    dirty_changes changes;
     dirty_update_fn update = dirty_update;
     std::vector<dirty_rec> recs;
 
@@ -504,20 +528,11 @@ struct dirty_round {
         for (const observer &o : observers[p.field])
             o.fn(r, int(p.field), v, o.ctx);
         r->f[p.field] = v;
-        if (!r->dirty) {
-            r->dirty = 1;
-            changed.push_back(r);
-        }
+        changes.mark(r);
     }
     void process()
     {
-        while (!changed.empty()) {
-            batch.swap(changed);
-            for (dirty_rec *r : batch)
-                r->dirty = 0;
-            update(batch.data(), batch.size(), nullptr);
-            batch.clear();
-        }
+        changes.drain(update);
     }
 };
 
@@ -558,7 +573,7 @@ struct naive_round {
 /* A signal library's signal per field as the notifier; changes gathered as in Dirty. */
 template <class Signal> struct signal_round {
     Signal signals[round_fields];
-    std::vector<dirty_rec *> changed, batch;
+    dirty_changes changes;
     std::vector<dirty_rec> recs;
 
     explicit signal_round(size_t n) : recs(n)
@@ -573,20 +588,11 @@ template <class Signal> struct signal_round {
             return;
         signals[p.field](r, int(p.field), v);
         r->f[p.field] = v;
-        if (!r->dirty) {
-            r->dirty = 1;
-            changed.push_back(r);
-        }
+        changes.mark(r);
     }
     void process()
     {
-        while (!changed.empty()) {
-            batch.swap(changed);
-            for (dirty_rec *r : batch)
-                r->dirty = 0;
-            dirty_update(batch.data(), batch.size(), nullptr);
-            batch.clear();
-        }
+        changes.drain(dirty_update);
     }
 };
 

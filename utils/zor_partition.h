@@ -25,6 +25,9 @@
 extern "C" {
 #endif
 
+/* Slots of a new partition's first array (reset) and of its first growth. */
+#define ZOR_PARTITION_SIZE 128
+
 /* One slot: an entry and the following slot of the same bucket. */
 typedef struct zor_partition_elem {
     struct zor_partition_elem *next; /* null for the bucket's last slot */
@@ -112,7 +115,7 @@ void zor_partition_process(zor_partition *p, zor_partition_process_fn fn);
  */
 void zor_partition_destroy(zor_partition *p);
 
-/* zor_partition_destroy, then zor_partition_create with 128 slots. */
+/* zor_partition_destroy, then zor_partition_create with ZOR_PARTITION_SIZE slots. */
 void zor_partition_reset(zor_partition *p);
 
 /*

@@ -79,10 +79,10 @@ static zor_reg_notifier *zor_reg_notifier_add(zor_list *list, zor_reg_notifier_c
     return notifier;
 }
 
-zor_reg_notifier *zor_register_rec_create(zor_reg_ds *ds, zor_reg_rec_info *rec_info,
-                                          zor_reg_rec_fn cb, void *ctx, int notify_existing)
+zor_reg_notifier *zor_register_rec_create(zor_reg_ds *ds, zor_reg_rec_info *kind, zor_reg_rec_fn cb,
+                                          void *ctx, int notify_existing)
 {
-    struct zor_reg_ds_rec *ds_rec = zor_reg_ds_rec(ds, rec_info);
+    struct zor_reg_ds_rec *ds_rec = zor_reg_ds_rec(ds, kind);
     zor_reg_notifier_cb fn;
     fn.rec = cb;
     zor_reg_notifier *notifier = zor_reg_notifier_add(&ds_rec->create_regs, fn, ctx);
@@ -104,10 +104,10 @@ zor_reg_notifier *zor_register_rec_create(zor_reg_ds *ds, zor_reg_rec_info *rec_
     return notifier;
 }
 
-zor_reg_notifier *zor_register_rec_delete(zor_reg_ds *ds, zor_reg_rec_info *rec_info,
-                                          zor_reg_rec_fn cb, void *ctx)
+zor_reg_notifier *zor_register_rec_delete(zor_reg_ds *ds, zor_reg_rec_info *kind, zor_reg_rec_fn cb,
+                                          void *ctx)
 {
-    struct zor_reg_ds_rec *ds_rec = zor_reg_ds_rec(ds, rec_info);
+    struct zor_reg_ds_rec *ds_rec = zor_reg_ds_rec(ds, kind);
     zor_reg_notifier_cb fn;
     fn.rec = cb;
     return zor_reg_notifier_add(&ds_rec->delete_regs, fn, ctx);
@@ -122,10 +122,10 @@ zor_reg_notifier *zor_register_field_update(zor_reg_ds *ds, zor_reg_field_info *
     return zor_reg_notifier_add(&ds_field->update_regs, fn, ctx);
 }
 
-zor_reg_rec_update *zor_register_rec_update(zor_reg_ds *ds, zor_reg_rec_info *rec_info,
-                                            uint32_t flags, zor_reg_update_fn cb, void *ctx)
+zor_reg_rec_update *zor_register_rec_update(zor_reg_ds *ds, zor_reg_rec_info *kind, uint32_t flags,
+                                            zor_reg_update_fn cb, void *ctx)
 {
-    struct zor_reg_ds_rec *ds_rec = zor_reg_ds_rec(ds, rec_info);
+    struct zor_reg_ds_rec *ds_rec = zor_reg_ds_rec(ds, kind);
     zor_reg_rec_update *reg =
         static_cast<zor_reg_rec_update *>(util_calloc(sizeof(zor_reg_rec_update)));
     reg->ds_rec = ds_rec;
@@ -144,11 +144,11 @@ zor_reg_rec_update *zor_register_rec_update(zor_reg_ds *ds, zor_reg_rec_info *re
     return reg;
 }
 
-zor_reg_rec_update *zor_register_rec_update_v(zor_reg_ds *ds, zor_reg_rec_info *rec_info,
+zor_reg_rec_update *zor_register_rec_update_v(zor_reg_ds *ds, zor_reg_rec_info *kind,
                                               uint32_t flags, zor_reg_update_fn cb, void *ctx,
                                               size_t field_count, ...)
 {
-    zor_reg_rec_update *reg = zor_register_rec_update(ds, rec_info, flags, cb, ctx);
+    zor_reg_rec_update *reg = zor_register_rec_update(ds, kind, flags, cb, ctx);
     ZOR_ASSERT(field_count != 0);
     va_list fields;
     va_start(fields, field_count);
@@ -229,7 +229,8 @@ void zor_reg_disable(zor_reg_rec_update *reg)
  * Appends `entry` to the buckets of the registrations in `watchers` (a
  * field's bucket of watching registrations) that do not have it queued
  * yet. The first entry of a registration in a pass chains its bucket into
- * the level's active partition first (out of line: once per pass).
+ * the level's active partition first (out of line: once per pass). Bit and
+ * bucket change together: the invariant stated at zor_reg_rec_update.
  */
 static inline void zor_reg_entry_queue(zor_partition_bucket *watchers, zor_reg_entry *entry,
                                        uint8_t *queued, zor_reg_level *levels)
@@ -295,8 +296,8 @@ static inline void zor_reg_field_value_update(zor_reg_entry *entry, zor_reg_fiel
     const zor_datatype_info *type = field->type;
     if (type->write == nullptr)
         return;
-    zor_reg_rec_info *rec_info = field->rec_info;
-    char *stored = zor_reg_entry_rec(entry, rec_info) + field->offset;
+    zor_reg_rec_info *kind = field->rec_info;
+    char *stored = zor_reg_entry_rec(entry, kind) + field->offset;
     if (!is_set) {
         if (type->properties & ZOR_DATATYPE_PROP_RESET_ON_UNSET)
             type->write(stored, nullptr, type);
@@ -304,11 +305,11 @@ static inline void zor_reg_field_value_update(zor_reg_entry *entry, zor_reg_fiel
     }
     if (snapshot_active && !(type->properties & ZOR_DATATYPE_PROP_RESET_ON_UNSET) &&
         !entry->snapshot_created &&
-        zor_reg_bit_get(zor_reg_entry_snapshot_bits(entry, rec_info), field->id)) {
+        zor_reg_bit_get(zor_reg_entry_snapshot_bits(entry, kind), field->id)) {
         if (entry->backup == nullptr)
-            entry->backup = util_calloc(rec_info->backup_size);
+            entry->backup = util_calloc(kind->backup_size);
         uint8_t *backup_bitfield =
-            static_cast<uint8_t *>(entry->backup) + rec_info->backup_bitfield_offset;
+            static_cast<uint8_t *>(entry->backup) + kind->backup_bitfield_offset;
         ZOR_ASSERT(backup_bitfield != ZOR_NULL);
         if (!zor_reg_bit_get(backup_bitfield, field->id)) {
             type->write(static_cast<char *>(entry->backup) + field->offset, stored, type);
@@ -319,12 +320,12 @@ static inline void zor_reg_field_value_update(zor_reg_entry *entry, zor_reg_fiel
 }
 
 /* Sets or clears a set bit, and its snapshot bit while no snapshot is active. */
-static inline void zor_reg_set_bit_put(zor_reg_entry *entry, const zor_reg_rec_info *rec_info,
+static inline void zor_reg_set_bit_put(zor_reg_entry *entry, const zor_reg_rec_info *kind,
                                        uint32_t id, int value)
 {
-    zor_reg_bit_put(zor_reg_entry_set_bits(entry, rec_info), id, value);
+    zor_reg_bit_put(zor_reg_entry_set_bits(entry, kind), id, value);
     if (!entry->ds_rec->ds->snapshot_active)
-        zor_reg_bit_put(zor_reg_entry_snapshot_bits(entry, rec_info), id, value);
+        zor_reg_bit_put(zor_reg_entry_snapshot_bits(entry, kind), id, value);
 }
 
 /*
@@ -441,11 +442,11 @@ zor_reg_field_change_steps(void *rec, zor_reg_field_info *field, const void *val
         zor_reg_entry_changed(field, entry); /* stops at its assertion */
         return;
     }
-    zor_reg_rec_info *rec_info = ds_rec->rec_info;
+    zor_reg_rec_info *kind = ds_rec->rec_info;
     if (zor_reg_entry_delete_pending(entry))
         return;
     if (ds_field->in_partition)
-        zor_reg_entry_queue(&ds_field->bucket, entry, zor_reg_entry_queued_bits(entry, rec_info),
+        zor_reg_entry_queue(&ds_field->bucket, entry, zor_reg_entry_queued_bits(entry, kind),
                             ds->levels);
 }
 
@@ -498,25 +499,35 @@ void zor_reg_field_set(void *rec, zor_reg_field_info *field, const void *value)
         zor_reg_field_change_state(rec, field, value, entry, was_set);
 }
 
-void zor_reg_flag_set(void *rec, zor_reg_field_info *field, int value)
+/*
+ * A change of a set state that brings no new value (a flag set or cleared,
+ * or a set state put back by snapshot restore): notifiers (given the
+ * value's place, or NULL when unset), snapshot mark, reset of a value
+ * that is reset on unset, queueing, set bits.
+ */
+static void zor_reg_set_state_change(void *rec, zor_reg_entry *entry, zor_reg_field_info *field,
+                                     int value)
 {
-    ZOR_ASSERT(field->type->size == 0);
-    zor_reg_rec_info *rec_info = field->rec_info;
-    zor_reg_entry *entry = zor_reg_rec_entry(rec, rec_info);
-    uint32_t id = field->id;
-    value = value != 0;
-    if (zor_reg_bit_get(zor_reg_entry_set_bits(entry, rec_info), id) == value)
-        return;
-
     char *place = static_cast<char *>(rec) + field->offset;
-    zor_reg_field_notifiers_call(&entry->ds_rec->fields[id], rec, field, value,
+    zor_reg_field_notifiers_call(&entry->ds_rec->fields[field->id], rec, field, value,
                                  value ? place : nullptr);
     zor_reg_snapshot_mark(entry->ds_rec->ds, entry);
     const zor_datatype_info *type = field->type;
     if (type->write != nullptr && (type->properties & ZOR_DATATYPE_PROP_RESET_ON_UNSET))
         type->write(place, nullptr, type);
     zor_reg_entry_changed(field, entry);
-    zor_reg_set_bit_put(entry, rec_info, id, value);
+    zor_reg_set_bit_put(entry, field->rec_info, field->id, value);
+}
+
+void zor_reg_flag_set(void *rec, zor_reg_field_info *field, int value)
+{
+    /* The flag is `field` here: the assertion text names it so. */
+    ZOR_ASSERT(field->type->size == 0);
+    zor_reg_entry *entry = zor_reg_rec_entry(rec, field->rec_info);
+    value = value != 0;
+    if (zor_reg_bit_get(zor_reg_entry_set_bits(entry, field->rec_info), field->id) == value)
+        return;
+    zor_reg_set_state_change(rec, entry, field, value);
 }
 
 void zor_reg_flag_trigger(void *rec, zor_reg_field_info *flag)
@@ -671,7 +682,7 @@ void zor_reg_take_snapshot(zor_reg_ds *ds)
     ZOR_ASSERT(!ds->snapshot_active);
     zor_reg_process(ds);
     ds->snapshot_active = 1;
-    zor_partition_create(&ds->snapshot_partition, 128);
+    zor_partition_create(&ds->snapshot_partition, ZOR_PARTITION_SIZE);
     zor_partition_bucket_add(&ds->snapshot_partition, &ds->snapshot_created_bucket, nullptr);
     zor_partition_bucket_add(&ds->snapshot_partition, &ds->snapshot_updated_bucket, nullptr);
 }
@@ -679,13 +690,8 @@ void zor_reg_take_snapshot(zor_reg_ds *ds)
 /* Releases what the backup's values hold, then the block. */
 static void zor_reg_backup_release(zor_reg_entry *entry)
 {
-    zor_reg_rec_info *rec_info = entry->ds_rec->rec_info;
-    char *backup = static_cast<char *>(entry->backup);
-    for (uint32_t i = 0; i < rec_info->clear_on_destroy_count; i++) {
-        zor_reg_field_info *field = rec_info->clear_on_destroy[i];
-        field->type->free(backup + field->offset, field->type, field);
-    }
-    free(backup);
+    zor_reg_values_release(entry->ds_rec->rec_info, static_cast<char *>(entry->backup));
+    free(entry->backup);
     entry->backup = nullptr;
 }
 
@@ -714,9 +720,8 @@ void zor_reg_discard_snapshot(zor_reg_ds *ds)
         ZOR_ASSERT(!entry->changes_prohibited);
         entry->snapshot_updated = 0;
         entry->snapshot_created = 0;
-        zor_reg_rec_info *rec_info = entry->ds_rec->rec_info;
-        memcpy(zor_reg_entry_snapshot_bits(entry, rec_info),
-               zor_reg_entry_set_bits(entry, rec_info),
+        zor_reg_rec_info *kind = entry->ds_rec->rec_info;
+        memcpy(zor_reg_entry_snapshot_bits(entry, kind), zor_reg_entry_set_bits(entry, kind),
                zor_reg_bit_bytes(entry->ds_rec->field_count));
     }
     zor_partition_destroy(&ds->snapshot_partition);
@@ -733,17 +738,17 @@ void zor_reg_discard_snapshot(zor_reg_ds *ds)
 static inline void zor_reg_snapshot_record_restore(zor_reg_entry *entry)
 {
     struct zor_reg_ds_rec *ds_rec = entry->ds_rec;
-    zor_reg_rec_info *rec_info = ds_rec->rec_info;
-    int32_t delete_flag_idx = rec_info->delete_pending;
+    zor_reg_rec_info *kind = ds_rec->rec_info;
+    int32_t delete_flag_idx = kind->delete_pending;
     ZOR_ASSERT(delete_flag_idx != -1);
-    uint8_t *set_bits = zor_reg_entry_set_bits(entry, rec_info);
+    uint8_t *set_bits = zor_reg_entry_set_bits(entry, kind);
     zor_reg_bit_clear(set_bits, static_cast<uint32_t>(delete_flag_idx));
-    char *rec = zor_reg_entry_rec(entry, rec_info);
+    char *rec = zor_reg_entry_rec(entry, kind);
 
     if (entry->backup != nullptr) {
         char *backup = static_cast<char *>(entry->backup);
         const uint8_t *backup_bits =
-            reinterpret_cast<uint8_t *>(backup) + rec_info->backup_bitfield_offset;
+            reinterpret_cast<uint8_t *>(backup) + kind->backup_bitfield_offset;
         for (uint32_t i = 0; i < ds_rec->field_count; i++) {
             zor_reg_field_info *field = ds_rec->fields[i].field_info;
             if (zor_reg_bit_get(backup_bits, i) &&
@@ -753,20 +758,13 @@ static inline void zor_reg_snapshot_record_restore(zor_reg_entry *entry)
         zor_reg_backup_release(entry);
     }
 
-    const uint8_t *snap_bits = zor_reg_entry_snapshot_bits(entry, rec_info);
+    const uint8_t *snap_bits = zor_reg_entry_snapshot_bits(entry, kind);
     for (uint32_t i = 0; i < ds_rec->field_count; i++) {
         zor_reg_field_info *field = ds_rec->fields[i].field_info;
         int snap = zor_reg_bit_get(snap_bits, i);
-        const zor_datatype_info *type = field->type;
-        if (snap == zor_reg_bit_get(set_bits, i) ||
-            (type->properties & ZOR_DATATYPE_PROP_NO_RESTORE))
-            continue;
-        char *place = rec + field->offset;
-        zor_reg_field_notifiers_call(&ds_rec->fields[i], rec, field, snap, snap ? place : nullptr);
-        if (type->write != nullptr && (type->properties & ZOR_DATATYPE_PROP_RESET_ON_UNSET))
-            type->write(place, nullptr, type);
-        zor_reg_entry_changed(field, entry);
-        zor_reg_set_bit_put(entry, rec_info, i, snap);
+        if (snap != zor_reg_bit_get(set_bits, i) &&
+            !(field->type->properties & ZOR_DATATYPE_PROP_NO_RESTORE))
+            zor_reg_set_state_change(rec, entry, field, snap);
     }
 }
 
@@ -802,10 +800,10 @@ void zor_reg_restore_snapshot(zor_reg_ds *ds)
         entry->snapshot_created_restore = 1;
         if (!entry->snapshot_deleted) {
             ZOR_ASSERT(!entry->changes_prohibited);
-            zor_reg_rec_info *rec_info = entry->ds_rec->rec_info;
-            int32_t delete_flag_idx = rec_info->delete_pending;
+            zor_reg_rec_info *kind = entry->ds_rec->rec_info;
+            int32_t delete_flag_idx = kind->delete_pending;
             ZOR_ASSERT(delete_flag_idx != -1);
-            zor_reg_flag_set(zor_reg_entry_rec(entry, rec_info),
+            zor_reg_flag_set(zor_reg_entry_rec(entry, kind),
                              entry->ds_rec->fields[delete_flag_idx].field_info, 1);
         }
     }
@@ -821,16 +819,16 @@ void zor_reg_restore_snapshot(zor_reg_ds *ds)
 }
 
 /* The value of a field at the take, or NULL when it was not set then. */
-static inline const void *zor_reg_snapshot_value(const zor_reg_entry *hdr, const void *rec,
+static inline const void *zor_reg_snapshot_value(const zor_reg_entry *entry, const void *rec,
                                                  const zor_reg_field_info *field)
 {
-    zor_reg_rec_info *rec_info = field->rec_info;
-    if (!zor_reg_bit_get(zor_reg_entry_snapshot_bits(hdr, rec_info), field->id))
+    zor_reg_rec_info *kind = field->rec_info;
+    if (!zor_reg_bit_get(zor_reg_entry_snapshot_bits(entry, kind), field->id))
         return nullptr;
-    if (hdr->backup != nullptr) {
-        const char *backup = static_cast<const char *>(hdr->backup);
+    if (entry->backup != nullptr) {
+        const char *backup = static_cast<const char *>(entry->backup);
         if (zor_reg_bit_get(reinterpret_cast<const uint8_t *>(backup) +
-                                rec_info->backup_bitfield_offset,
+                                kind->backup_bitfield_offset,
                             field->id))
             return backup + field->offset;
     }
@@ -839,11 +837,11 @@ static inline const void *zor_reg_snapshot_value(const zor_reg_entry *hdr, const
 
 const void *zor_reg_snapshot_field_get(const void *rec, zor_reg_field_info *field)
 {
-    zor_reg_entry *hdr = zor_reg_rec_entry(rec, field->rec_info);
-    const void *value = zor_reg_snapshot_value(hdr, rec, field);
+    zor_reg_entry *entry = zor_reg_rec_entry(rec, field->rec_info);
+    const void *value = zor_reg_snapshot_value(entry, rec, field);
     if (value != nullptr)
         return value;
-    return zor_reg_field_default(field, zor_reg_entry_snapshot_bits(hdr, field->rec_info));
+    return zor_reg_field_default(field, zor_reg_entry_snapshot_bits(entry, field->rec_info));
 }
 
 const void *zor_reg_snapshot_field_get_explicit(const void *rec, zor_reg_field_info *field)
@@ -853,8 +851,8 @@ const void *zor_reg_snapshot_field_get_explicit(const void *rec, zor_reg_field_i
 
 int zor_reg_snapshot_flag_get(const void *rec, zor_reg_field_info *flag)
 {
-    zor_reg_entry *hdr = zor_reg_rec_entry(rec, flag->rec_info);
-    const uint8_t *snap_bits = zor_reg_entry_snapshot_bits(hdr, flag->rec_info);
+    zor_reg_entry *entry = zor_reg_rec_entry(rec, flag->rec_info);
+    const uint8_t *snap_bits = zor_reg_entry_snapshot_bits(entry, flag->rec_info);
     if (zor_reg_bit_get(snap_bits, flag->id))
         return 1;
     return zor_reg_field_default(flag, snap_bits) != nullptr;
@@ -862,6 +860,6 @@ int zor_reg_snapshot_flag_get(const void *rec, zor_reg_field_info *flag)
 
 int zor_reg_snapshot_flag_get_explicit(const void *rec, zor_reg_field_info *flag)
 {
-    zor_reg_entry *hdr = zor_reg_rec_entry(rec, flag->rec_info);
-    return zor_reg_bit_get(zor_reg_entry_snapshot_bits(hdr, flag->rec_info), flag->id);
+    zor_reg_entry *entry = zor_reg_rec_entry(rec, flag->rec_info);
+    return zor_reg_bit_get(zor_reg_entry_snapshot_bits(entry, flag->rec_info), flag->id);
 }
