@@ -194,12 +194,12 @@ ZOR_PARTITION_INLINE void zor_partition_entry_add(zor_partition_bucket *b, void 
 #define ZOR_PARTITION_ENTRIES_FOREACH(p, item)                                                     \
     for (zor_partition_elems *ZOR_PARTITION_ELEMS_ = (p)->elems; ZOR_PARTITION_ELEMS_ != ZOR_NULL; \
          ZOR_PARTITION_ELEMS_ = ZOR_PARTITION_ELEMS_->next)                                        \
-        for (uint32_t ZOR_PARTITION_INDEX_ = 0, ZOR_PARTITION_NEXT_ = ZOR_PARTITION_ELEMS_->count; \
-             ZOR_PARTITION_INDEX_ < ZOR_PARTITION_NEXT_ &&                                         \
-             ((item) =                                                                             \
-                  ZOR_ITER_ITEM_(item, ZOR_PARTITION_ELEMS_->slots[ZOR_PARTITION_INDEX_].entry),   \
-             1);                                                                                   \
-             ZOR_PARTITION_INDEX_++)
+        for (zor_partition_elem *ZOR_PARTITION_SLOT_ = ZOR_PARTITION_ELEMS_->slots,                \
+                                *ZOR_PARTITION_NEXT_ =                                             \
+                                    ZOR_PARTITION_SLOT_ + ZOR_PARTITION_ELEMS_->count;             \
+             ZOR_PARTITION_SLOT_ != ZOR_PARTITION_NEXT_ &&                                         \
+             ((item) = ZOR_ITER_ITEM_(item, ZOR_PARTITION_SLOT_->entry), 1);                       \
+             ZOR_PARTITION_SLOT_++)
 
 #ifdef __cplusplus
 }

@@ -483,8 +483,9 @@ static __attribute__((noinline)) void zor_reg_field_set_compare(void *rec,
 void zor_reg_field_set(void *rec, zor_reg_field_info *field, const void *value)
 {
     zor_reg_entry *entry = zor_reg_rec_entry(rec, field->rec_info);
-    int was_set = zor_reg_bit_get(zor_reg_entry_set_bits(entry, field->rec_info), field->id);
-    if (__builtin_expect(was_set & (value != nullptr), 1)) {
+    const uint8_t *set_bits = zor_reg_entry_set_bits(entry, field->rec_info);
+    if (__builtin_expect(value != nullptr, 1) &&
+        __builtin_expect((set_bits[field->id >> 3] & (1u << (field->id & 7))) != 0, 1)) {
         int equal =
             zor_reg_word_equal(field->type, static_cast<char *>(rec) + field->offset, value);
         if (__builtin_expect(equal > 0, 1))
@@ -495,6 +496,7 @@ void zor_reg_field_set(void *rec, zor_reg_field_info *field, const void *value)
             zor_reg_field_change(rec, field, value, entry);
         return;
     }
+    int was_set = zor_reg_bit_get(set_bits, field->id);
     if (was_set != (value != nullptr))
         zor_reg_field_change_state(rec, field, value, entry, was_set);
 }
