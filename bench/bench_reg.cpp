@@ -8,7 +8,10 @@
  *  - setting an unchanged value (FieldSetUnchanged);
  *  - delivering N queued records (Process, per record);
  *  - processing 1k changes among 10k and among 1M live records
- *    (ProcessScaling): the cost follows the changes, not the records.
+ *    (ProcessScaling): the cost follows the changes, not the records;
+ *  - rounds of random changes and processing against the hand-written
+ *    dirty-bit design and two signal libraries (Round, below), whose
+ *    instruction counts bench/instructions.sh prints (`--ops`).
  */
 #include <benchmark/benchmark.h>
 
