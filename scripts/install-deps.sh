@@ -14,6 +14,7 @@ packages=(
   libxxhash-dev                   # hashing
   rapidjson-dev                   # benchmark baselines
   libsimdjson-dev                 # benchmark baseline (bench_jsmn)
+  libboost-dev libsigc++-2.0-dev  # signal libraries compared in bench_reg
   valgrind                        # memcheck
   clang-format                    # the code style check of .ci/run
 )

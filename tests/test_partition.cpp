@@ -2,6 +2,7 @@
 #include "zor_test.h"
 #include "zor_partition.h"
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -84,6 +85,23 @@ TEST(Partition, InterleavedBucketsAndProcessOrder)
     for (int i = 0; i < 6; i++)
         zor_partition_entry_add(&b[i % 2], &values[i]);
     EXPECT_EQ(entries_of(&b[0]), (std::vector<int>{0, 2, 4}));
+
+    /* The walking forms see what the iterators see, across both slot arrays. */
+    std::vector<int> walked;
+    int *entry;
+    ZOR_PARTITION_BUCKET_FOREACH(&b[1], entry)
+    walked.push_back(*entry);
+    EXPECT_EQ(walked, entries_of(&b[1]));
+    std::string order;
+    zor_partition_bucket *bucket;
+    ZOR_PARTITION_BUCKETS_FOREACH(&p, bucket)
+    order += static_cast<const char *>(bucket->data) + std::string(" ");
+    EXPECT_EQ(order, "third second first ");
+    walked.clear();
+    ZOR_PARTITION_ENTRIES_FOREACH(&p, entry)
+    walked.push_back(*entry);
+    std::sort(walked.begin(), walked.end());
+    EXPECT_EQ(walked, (std::vector<int>{0, 1, 2, 3, 4, 5}));
 
     /* Buckets come newest first, an empty one with count 0; walking changes nothing. */
     for (int pass = 0; pass < 2; pass++) {

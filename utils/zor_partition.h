@@ -25,6 +25,9 @@
 extern "C" {
 #endif
 
+/* Slots of a new partition's first array (reset) and of its first growth. */
+#define ZOR_PARTITION_SIZE 128
+
 /* One slot: an entry and the following slot of the same bucket. */
 typedef struct zor_partition_elem {
     struct zor_partition_elem *next; /* null for the bucket's last slot */
@@ -113,7 +116,7 @@ ZOR_API void zor_partition_process(zor_partition *p, zor_partition_process_fn fn
  */
 ZOR_API void zor_partition_destroy(zor_partition *p);
 
-/* zor_partition_destroy, then zor_partition_create with 128 slots. */
+/* zor_partition_destroy, then zor_partition_create with ZOR_PARTITION_SIZE slots. */
 ZOR_API void zor_partition_reset(zor_partition *p);
 
 /*
@@ -142,7 +145,8 @@ ZOR_API ZOR_PARTITION_INLINE zor_partition_elem *zor_partition_elem_get(zor_part
 ZOR_API ZOR_PARTITION_INLINE void zor_partition_entry_add(zor_partition_bucket *b, void *entry)
 {
     zor_partition_elems *elems = b->partition->elems;
-    if (__builtin_expect(elems->count == elems->size, 0))
+    /* Past this test the compiler knows a slot is free, and checks only a grown array. */
+    if (__builtin_expect(elems->count >= elems->size, 0))
         elems = zor_partition_grow(b->partition);
     zor_partition_elem *slot = zor_partition_elem_get(elems);
     slot->entry = entry;
@@ -150,6 +154,53 @@ ZOR_API ZOR_PARTITION_INLINE void zor_partition_entry_add(zor_partition_bucket *
     b->tail = &slot->next;
     b->count++;
 }
+
+/*
+ * Walking forms that cost what a hand-written loop over the layout costs;
+ * they are how code outside this file reads a partition without knowing
+ * its slots. `item` is the caller's pointer variable (of any object-pointer
+ * type); the hidden cursors are named after the line, so walks may nest on
+ * different lines. `break` leaves the walk.
+ */
+#define ZOR_PARTITION_CAT_(a, b)       a##b
+#define ZOR_PARTITION_VAR_(name, line) ZOR_PARTITION_CAT_(name, line)
+#define ZOR_PARTITION_SLOT_            ZOR_PARTITION_VAR_(zor_partition_slot_, __LINE__)
+#define ZOR_PARTITION_NEXT_            ZOR_PARTITION_VAR_(zor_partition_next_, __LINE__)
+#define ZOR_PARTITION_ELEMS_           ZOR_PARTITION_VAR_(zor_partition_elems_, __LINE__)
+#define ZOR_PARTITION_INDEX_           ZOR_PARTITION_VAR_(zor_partition_index_, __LINE__)
+
+/* Each entry of bucket `b`, in the order of addition. */
+#define ZOR_PARTITION_BUCKET_FOREACH(b, item)                                                      \
+    for (zor_partition_elem *ZOR_PARTITION_SLOT_ = (b)->first;                                     \
+         ZOR_PARTITION_SLOT_ != ZOR_NULL &&                                                        \
+         ((item) = ZOR_ITER_ITEM_(item, ZOR_PARTITION_SLOT_->entry), 1);                           \
+         ZOR_PARTITION_SLOT_ = ZOR_PARTITION_SLOT_->next)
+
+/*
+ * Each bucket of partition `p`, most recently added first. The following
+ * bucket is fetched before the body runs, so the body may clear or re-add
+ * the bucket it is given.
+ */
+#define ZOR_PARTITION_BUCKETS_FOREACH(p, bucket)                                                   \
+    for (zor_partition_bucket * ZOR_PARTITION_NEXT_, *ZOR_PARTITION_SLOT_ = (p)->buckets;          \
+         ZOR_PARTITION_SLOT_ != ZOR_NULL &&                                                        \
+         (ZOR_PARTITION_NEXT_ = ZOR_PARTITION_SLOT_->next, (bucket) = ZOR_PARTITION_SLOT_, 1);     \
+         ZOR_PARTITION_SLOT_ = ZOR_PARTITION_NEXT_)
+
+/*
+ * Each entry of every bucket of partition `p`, straight through its slot
+ * arrays (newest array first): in no useful order, but without following
+ * a chain slot by slot. A `break` here ends only the walk of one array.
+ */
+#define ZOR_PARTITION_ENTRIES_FOREACH(p, item)                                                     \
+    for (zor_partition_elems *ZOR_PARTITION_ELEMS_ = (p)->elems; ZOR_PARTITION_ELEMS_ != ZOR_NULL; \
+         ZOR_PARTITION_ELEMS_ = ZOR_PARTITION_ELEMS_->next)                                        \
+        for (zor_partition_elem *ZOR_PARTITION_SLOT_ = ZOR_PARTITION_ELEMS_->slots,                \
+                                *ZOR_PARTITION_NEXT_ =                                             \
+                                    ZOR_PARTITION_SLOT_ + ZOR_PARTITION_ELEMS_->count;             \
+             ZOR_PARTITION_SLOT_ != ZOR_PARTITION_NEXT_ &&                                         \
+             ((item) = ZOR_ITER_ITEM_(item, ZOR_PARTITION_SLOT_->entry), 1);                       \
+             ZOR_PARTITION_SLOT_++)
 
 #ifdef __cplusplus
 }

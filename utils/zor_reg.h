@@ -209,7 +209,18 @@ typedef struct zor_reg_notifier {
     void *ctx;
 } zor_reg_notifier;
 
-/* An update registration, owned by its data store. */
+/*
+ * An update registration, owned by its data store.
+ *
+ * The invariant queueing and processing keep, for every registration R
+ * and entry E of R's kind: E's queued bit for R (number `id`) is set if
+ * and only if E is in R's bucket of the active partition of R's level;
+ * and that bucket is chained into the partition if and only if
+ * `in_partition` is set. Queueing sets the bit and appends E together
+ * (chaining the bucket first when needed); a pass clears the bits of
+ * every entry of the buckets it takes, and `in_partition`, before it
+ * flips the level's active partition.
+ */
 struct zor_reg_rec_update {
     zor_list_link link;            /* in the kind's update_regs */
     struct zor_reg_ds_rec *ds_rec; /* the kind's state */
@@ -262,8 +273,11 @@ typedef struct zor_reg_cb_trace_slot {
 ZOR_API extern uint32_t zor_reg_in_cb_processing;
 /* Callback invocations since the current processing call began. */
 ZOR_API extern uint32_t zor_reg_cb_trace_count;
-/* The last 1000 invocations; slot = invocation number mod 1000. Never read by the library. */
-ZOR_API extern zor_reg_cb_trace_slot zor_reg_cb_trace[1000];
+/* Slots of the trace ring. */
+#define ZOR_REG_CB_TRACE_SIZE 1000
+/* The last ZOR_REG_CB_TRACE_SIZE invocations; slot = invocation number mod that size. Never read by
+ * the library. */
+ZOR_API extern zor_reg_cb_trace_slot zor_reg_cb_trace[ZOR_REG_CB_TRACE_SIZE];
 
 /* ---- schema functions ---------------------------------------------------- */
 

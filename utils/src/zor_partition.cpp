@@ -44,7 +44,7 @@ void zor_partition_create(zor_partition *p, uint32_t size)
 {
     memset(p, 0, sizeof(*p));
     zor_partition_elems_alloc(p, size);
-    p->next_size = 128;
+    p->next_size = ZOR_PARTITION_SIZE;
 }
 
 void zor_partition_bucket_add(zor_partition *p, zor_partition_bucket *b, void *data)
@@ -147,5 +147,5 @@ void zor_partition_destroy(zor_partition *p)
 void zor_partition_reset(zor_partition *p)
 {
     zor_partition_destroy(p);
-    zor_partition_create(p, 128);
+    zor_partition_create(p, ZOR_PARTITION_SIZE);
 }

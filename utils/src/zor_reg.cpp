@@ -38,10 +38,10 @@ static zor_reg_notifier *zor_reg_notifier_add(zor_list *list, zor_reg_notifier_c
     return notifier;
 }
 
-zor_reg_notifier *zor_register_rec_create(zor_reg_ds *ds, zor_reg_rec_info *rec_info,
-                                          zor_reg_rec_fn cb, void *ctx, int notify_existing)
+zor_reg_notifier *zor_register_rec_create(zor_reg_ds *ds, zor_reg_rec_info *kind, zor_reg_rec_fn cb,
+                                          void *ctx, int notify_existing)
 {
-    struct zor_reg_ds_rec *ds_rec = zor_reg_ds_rec(ds, rec_info);
+    struct zor_reg_ds_rec *ds_rec = zor_reg_ds_rec(ds, kind);
     zor_reg_notifier_cb fn;
     fn.rec = cb;
     zor_reg_notifier *notifier = zor_reg_notifier_add(&ds_rec->create_regs, fn, ctx);
@@ -63,10 +63,10 @@ zor_reg_notifier *zor_register_rec_create(zor_reg_ds *ds, zor_reg_rec_info *rec_
     return notifier;
 }
 
-zor_reg_notifier *zor_register_rec_delete(zor_reg_ds *ds, zor_reg_rec_info *rec_info,
-                                          zor_reg_rec_fn cb, void *ctx)
+zor_reg_notifier *zor_register_rec_delete(zor_reg_ds *ds, zor_reg_rec_info *kind, zor_reg_rec_fn cb,
+                                          void *ctx)
 {
-    struct zor_reg_ds_rec *ds_rec = zor_reg_ds_rec(ds, rec_info);
+    struct zor_reg_ds_rec *ds_rec = zor_reg_ds_rec(ds, kind);
     zor_reg_notifier_cb fn;
     fn.rec = cb;
     return zor_reg_notifier_add(&ds_rec->delete_regs, fn, ctx);
@@ -81,10 +81,10 @@ zor_reg_notifier *zor_register_field_update(zor_reg_ds *ds, zor_reg_field_info *
     return zor_reg_notifier_add(&ds_field->update_regs, fn, ctx);
 }
 
-zor_reg_rec_update *zor_register_rec_update(zor_reg_ds *ds, zor_reg_rec_info *rec_info,
-                                            uint32_t flags, zor_reg_update_fn cb, void *ctx)
+zor_reg_rec_update *zor_register_rec_update(zor_reg_ds *ds, zor_reg_rec_info *kind, uint32_t flags,
+                                            zor_reg_update_fn cb, void *ctx)
 {
-    struct zor_reg_ds_rec *ds_rec = zor_reg_ds_rec(ds, rec_info);
+    struct zor_reg_ds_rec *ds_rec = zor_reg_ds_rec(ds, kind);
     zor_reg_rec_update *reg =
         static_cast<zor_reg_rec_update *>(util_calloc(sizeof(zor_reg_rec_update)));
     reg->ds_rec = ds_rec;
@@ -103,11 +103,11 @@ zor_reg_rec_update *zor_register_rec_update(zor_reg_ds *ds, zor_reg_rec_info *re
     return reg;
 }
 
-zor_reg_rec_update *zor_register_rec_update_v(zor_reg_ds *ds, zor_reg_rec_info *rec_info,
+zor_reg_rec_update *zor_register_rec_update_v(zor_reg_ds *ds, zor_reg_rec_info *kind,
                                               uint32_t flags, zor_reg_update_fn cb, void *ctx,
                                               size_t field_count, ...)
 {
-    zor_reg_rec_update *reg = zor_register_rec_update(ds, rec_info, flags, cb, ctx);
+    zor_reg_rec_update *reg = zor_register_rec_update(ds, kind, flags, cb, ctx);
     ZOR_ASSERT(field_count != 0);
     va_list fields;
     va_start(fields, field_count);
@@ -184,31 +184,41 @@ void zor_reg_disable(zor_reg_rec_update *reg)
 
 /* ---- values -------------------------------------------------------------- */
 
+/*
+ * Appends `entry` to the buckets of the registrations in `watchers` (a
+ * field's bucket of watching registrations) that do not have it queued
+ * yet. The first entry of a registration in a pass chains its bucket into
+ * the level's active partition first (out of line: once per pass). Bit and
+ * bucket change together: the invariant stated at zor_reg_rec_update.
+ */
+static inline void zor_reg_entry_queue(zor_partition_bucket *watchers, zor_reg_entry *entry,
+                                       uint8_t *queued, zor_reg_level *levels)
+{
+    zor_reg_rec_update *reg;
+    ZOR_PARTITION_BUCKET_FOREACH(watchers, reg)
+    {
+        uint32_t id = reg->id;
+        if (zor_reg_bit_get(queued, id))
+            continue;
+        zor_reg_bit_set(queued, id);
+        if (__builtin_expect(!reg->in_partition, 0))
+            zor_reg_queue(reg);
+        zor_partition_entry_add(&reg->buckets[levels[reg->level].active], entry);
+    }
+}
+
 void zor_reg_entry_changed(zor_reg_field_info *field, zor_reg_entry *entry)
 {
+    /* `hdr`: the name the assertion text below reports. */
     zor_reg_entry *hdr = entry;
     ZOR_ASSERT(!hdr->changes_prohibited);
-    if (zor_reg_entry_delete_pending(hdr))
+    if (zor_reg_entry_delete_pending(entry))
         return;
-    struct zor_reg_ds_rec *ds_rec = hdr->ds_rec;
+    struct zor_reg_ds_rec *ds_rec = entry->ds_rec;
     struct zor_reg_ds_field *ds_field = &ds_rec->fields[field->id];
-    if (!ds_field->in_partition)
-        return;
-    uint8_t *queued = zor_reg_entry_queued_bits(hdr, ds_rec->rec_info);
-    zor_reg_level *levels = ds_rec->ds->levels;
-    for (zor_partition_elem *slot = ds_field->bucket.first; slot != nullptr; slot = slot->next) {
-        zor_reg_rec_update *reg = static_cast<zor_reg_rec_update *>(slot->entry);
-        if (zor_reg_bit_get(queued, reg->id))
-            continue;
-        zor_reg_bit_set(queued, reg->id);
-        zor_reg_level *level = &levels[reg->level];
-        uint8_t a = level->active;
-        if (!reg->in_partition) {
-            zor_partition_bucket_add(&level->parts[a], &reg->buckets[a], reg);
-            reg->in_partition = 1;
-        }
-        zor_reg_bucket_append(&level->parts[a], &reg->buckets[a], hdr);
-    }
+    if (ds_field->in_partition)
+        zor_reg_entry_queue(&ds_field->bucket, entry,
+                            zor_reg_entry_queued_bits(entry, ds_rec->rec_info), ds_rec->ds->levels);
 }
 
 /* Calls the field's notifiers in order; the record is not yet changed. */
@@ -245,8 +255,8 @@ static inline void zor_reg_field_value_update(zor_reg_entry *entry, zor_reg_fiel
     const zor_datatype_info *type = field->type;
     if (type->write == nullptr)
         return;
-    zor_reg_rec_info *rec_info = field->rec_info;
-    char *stored = zor_reg_entry_rec(entry, rec_info) + field->offset;
+    zor_reg_rec_info *kind = field->rec_info;
+    char *stored = zor_reg_entry_rec(entry, kind) + field->offset;
     if (!is_set) {
         if (type->properties & ZOR_DATATYPE_PROP_RESET_ON_UNSET)
             type->write(stored, nullptr, type);
@@ -254,11 +264,11 @@ static inline void zor_reg_field_value_update(zor_reg_entry *entry, zor_reg_fiel
     }
     if (snapshot_active && !(type->properties & ZOR_DATATYPE_PROP_RESET_ON_UNSET) &&
         !entry->snapshot_created &&
-        zor_reg_bit_get(zor_reg_entry_snapshot_bits(entry, rec_info), field->id)) {
+        zor_reg_bit_get(zor_reg_entry_snapshot_bits(entry, kind), field->id)) {
         if (entry->backup == nullptr)
-            entry->backup = util_calloc(rec_info->backup_size);
+            entry->backup = util_calloc(kind->backup_size);
         uint8_t *backup_bitfield =
-            static_cast<uint8_t *>(entry->backup) + rec_info->backup_bitfield_offset;
+            static_cast<uint8_t *>(entry->backup) + kind->backup_bitfield_offset;
         ZOR_ASSERT(backup_bitfield != ZOR_NULL);
         if (!zor_reg_bit_get(backup_bitfield, field->id)) {
             type->write(static_cast<char *>(entry->backup) + field->offset, stored, type);
@@ -269,64 +279,216 @@ static inline void zor_reg_field_value_update(zor_reg_entry *entry, zor_reg_fiel
 }
 
 /* Sets or clears a set bit, and its snapshot bit while no snapshot is active. */
-static inline void zor_reg_set_bit_put(zor_reg_entry *entry, const zor_reg_rec_info *rec_info,
+static inline void zor_reg_set_bit_put(zor_reg_entry *entry, const zor_reg_rec_info *kind,
                                        uint32_t id, int value)
 {
-    zor_reg_bit_put(zor_reg_entry_set_bits(entry, rec_info), id, value);
+    zor_reg_bit_put(zor_reg_entry_set_bits(entry, kind), id, value);
     if (!entry->ds_rec->ds->snapshot_active)
-        zor_reg_bit_put(zor_reg_entry_snapshot_bits(entry, rec_info), id, value);
+        zor_reg_bit_put(zor_reg_entry_snapshot_bits(entry, kind), id, value);
 }
 
-/* The hot path: everything it calls in this file is inlined into it. */
-__attribute__((flatten)) void zor_reg_field_set(void *rec, zor_reg_field_info *field,
-                                                const void *value)
+/*
+ * The steps of a field change after its notifiers, in full: snapshot mark
+ * and backup, store, queueing, set bits. The hot path comes here only with
+ * a snapshot active.
+ */
+static __attribute__((noinline)) void zor_reg_field_change_store(zor_reg_entry *entry,
+                                                                 zor_reg_field_info *field,
+                                                                 const void *value, int was_set)
 {
-    zor_reg_rec_info *rec_info = field->rec_info;
-    zor_reg_entry *entry = zor_reg_rec_entry(rec, rec_info);
-    uint32_t id = field->id;
-    int was_set = zor_reg_bit_get(zor_reg_entry_set_bits(entry, rec_info), id);
     int is_set = value != nullptr;
-    if (was_set && is_set) {
-        const zor_datatype_info *type = field->type;
-        if (type->cmp_eq == nullptr ||
-            type->cmp_eq(static_cast<char *>(rec) + field->offset, value, type) == 0)
-            return;
-    } else if (was_set == is_set) {
-        return;
-    }
-
-    zor_reg_field_notifiers_call(&entry->ds_rec->fields[id], rec, field, is_set, value);
     zor_reg_ds *ds = entry->ds_rec->ds;
-    if (__builtin_expect(ds->snapshot_active != 0, 0)) {
-        zor_reg_snapshot_mark(ds, entry);
-        zor_reg_field_value_update(entry, field, value, is_set, 1);
-    } else {
-        zor_reg_field_value_update(entry, field, value, is_set, 0);
-    }
+    zor_reg_snapshot_mark(ds, entry);
+    zor_reg_field_value_update(entry, field, value, is_set, ds->snapshot_active);
     zor_reg_entry_changed(field, entry);
     if (was_set != is_set)
-        zor_reg_set_bit_put(entry, rec_info, id, is_set);
+        zor_reg_set_bit_put(entry, field->rec_info, field->id, is_set);
 }
 
-void zor_reg_flag_set(void *rec, zor_reg_field_info *field, int value)
+/* A change of the set state (a first set or an unset): rare, every step in full. */
+static __attribute__((noinline)) void zor_reg_field_change_state(void *rec,
+                                                                 zor_reg_field_info *field,
+                                                                 const void *value,
+                                                                 zor_reg_entry *entry, int was_set)
 {
-    ZOR_ASSERT(field->type->size == 0);
-    zor_reg_rec_info *rec_info = field->rec_info;
-    zor_reg_entry *entry = zor_reg_rec_entry(rec, rec_info);
-    uint32_t id = field->id;
-    value = value != 0;
-    if (zor_reg_bit_get(zor_reg_entry_set_bits(entry, rec_info), id) == value)
-        return;
+    zor_reg_field_notifiers_call(&entry->ds_rec->fields[field->id], rec, field, value != nullptr,
+                                 value);
+    zor_reg_field_change_store(entry, field, value, was_set);
+}
 
+/*
+ * "mem" values of one machine word or less (the library's int, uint, bool
+ * and mem types of those sizes) are compared and stored directly: the
+ * same as the type's cmp_eq and write, without the indirect calls.
+ */
+template <class T> static inline int zor_reg_word_differs(const void *a, const void *b)
+{
+    T x, y;
+    memcpy(&x, a, sizeof(T));
+    memcpy(&y, b, sizeof(T));
+    return x != y;
+}
+
+/*
+ * For a "mem" value of a word or less: 1 when it equals `value`, 0 when it
+ * differs; -1 for any other type (its cmp_eq decides).
+ */
+static inline int zor_reg_word_equal(const zor_datatype_info *type, const void *stored,
+                                     const void *value)
+{
+    if (type->cmp_eq != zor_datatype_cmp_mem)
+        return -1;
+    switch (type->size) {
+    case 4:
+        return !zor_reg_word_differs<uint32_t>(stored, value);
+    case 8:
+        return !zor_reg_word_differs<uint64_t>(stored, value);
+    case 1:
+        return !zor_reg_word_differs<uint8_t>(stored, value);
+    case 2:
+        return !zor_reg_word_differs<uint16_t>(stored, value);
+    default:
+        return -1;
+    }
+}
+
+/* The type's write of a set value, directly for "mem" values of a word or less. */
+static inline void zor_reg_value_write(const zor_datatype_info *type, void *stored,
+                                       const void *value)
+{
+    zor_datatype_copy_fn write = type->write;
+    if (write == zor_datatype_copy_mem) {
+        switch (type->size) {
+        case 4:
+            memcpy(stored, value, 4);
+            return;
+        case 8:
+            memcpy(stored, value, 8);
+            return;
+        case 1:
+            memcpy(stored, value, 1);
+            return;
+        case 2:
+            memcpy(stored, value, 2);
+            return;
+        default:
+            break;
+        }
+    }
+    if (write != nullptr)
+        write(stored, value, type);
+}
+
+/*
+ * A set field gets a different value: notifiers, store, queueing. The set
+ * bits do not change. What the notifiers cannot change (the kind's state,
+ * the field's place and type) is found once, before them.
+ */
+static inline __attribute__((always_inline)) void
+zor_reg_field_change_steps(void *rec, zor_reg_field_info *field, const void *value,
+                           zor_reg_entry *entry)
+{
+    struct zor_reg_ds_rec *ds_rec = entry->ds_rec;
+    struct zor_reg_ds_field *ds_field = &ds_rec->fields[field->id];
+    zor_reg_field_notifiers_call(ds_field, rec, field, 1, value);
+    zor_reg_ds *ds = ds_rec->ds;
+    if (__builtin_expect(ds->snapshot_active != 0, 0)) {
+        zor_reg_field_change_store(entry, field, value, 1);
+        return;
+    }
+    zor_reg_value_write(field->type, static_cast<char *>(rec) + field->offset, value);
+    if (__builtin_expect(entry->changes_prohibited != 0, 0)) {
+        zor_reg_entry_changed(field, entry); /* stops at its assertion */
+        return;
+    }
+    zor_reg_rec_info *kind = ds_rec->rec_info;
+    if (zor_reg_entry_delete_pending(entry))
+        return;
+    if (ds_field->in_partition)
+        zor_reg_entry_queue(&ds_field->bucket, entry, zor_reg_entry_queued_bits(entry, kind),
+                            ds->levels);
+}
+
+/* zor_reg_field_change_steps for a value compared directly. */
+static __attribute__((noinline)) void zor_reg_field_change(void *rec, zor_reg_field_info *field,
+                                                           const void *value, zor_reg_entry *entry)
+{
+    zor_reg_field_change_steps(rec, field, value, entry);
+}
+
+/*
+ * A set field of a type compared through its cmp_eq (without cmp_eq it
+ * never changes); a change goes on in the same frame.
+ */
+static __attribute__((noinline)) void zor_reg_field_set_compare(void *rec,
+                                                                zor_reg_field_info *field,
+                                                                const void *value,
+                                                                zor_reg_entry *entry)
+{
+    const zor_datatype_info *type = field->type;
+    if (type->cmp_eq == nullptr ||
+        type->cmp_eq(static_cast<char *>(rec) + field->offset, value, type) == 0)
+        return;
+    zor_reg_field_change_steps(rec, field, value, entry);
+}
+
+/*
+ * The hot path. An unchanged set is the entry check, a bit test and one
+ * compare, with no frame; the rest is in functions it ends in: a change in
+ * zor_reg_field_change, a compare through the type in
+ * zor_reg_field_set_compare, a change of the set state in
+ * zor_reg_field_change_state.
+ */
+void zor_reg_field_set(void *rec, zor_reg_field_info *field, const void *value)
+{
+    zor_reg_entry *entry = zor_reg_rec_entry(rec, field->rec_info);
+    const uint8_t *set_bits = zor_reg_entry_set_bits(entry, field->rec_info);
+    if (__builtin_expect(value != nullptr, 1) &&
+        __builtin_expect((set_bits[field->id >> 3] & (1u << (field->id & 7))) != 0, 1)) {
+        int equal =
+            zor_reg_word_equal(field->type, static_cast<char *>(rec) + field->offset, value);
+        if (__builtin_expect(equal > 0, 1))
+            return;
+        if (equal < 0)
+            zor_reg_field_set_compare(rec, field, value, entry);
+        else
+            zor_reg_field_change(rec, field, value, entry);
+        return;
+    }
+    int was_set = zor_reg_bit_get(set_bits, field->id);
+    if (was_set != (value != nullptr))
+        zor_reg_field_change_state(rec, field, value, entry, was_set);
+}
+
+/*
+ * A change of a set state that brings no new value (a flag set or cleared,
+ * or a set state put back by snapshot restore): notifiers (given the
+ * value's place, or NULL when unset), snapshot mark, reset of a value
+ * that is reset on unset, queueing, set bits.
+ */
+static void zor_reg_set_state_change(void *rec, zor_reg_entry *entry, zor_reg_field_info *field,
+                                     int value)
+{
     char *place = static_cast<char *>(rec) + field->offset;
-    zor_reg_field_notifiers_call(&entry->ds_rec->fields[id], rec, field, value,
+    zor_reg_field_notifiers_call(&entry->ds_rec->fields[field->id], rec, field, value,
                                  value ? place : nullptr);
     zor_reg_snapshot_mark(entry->ds_rec->ds, entry);
     const zor_datatype_info *type = field->type;
     if (type->write != nullptr && (type->properties & ZOR_DATATYPE_PROP_RESET_ON_UNSET))
         type->write(place, nullptr, type);
     zor_reg_entry_changed(field, entry);
-    zor_reg_set_bit_put(entry, rec_info, id, value);
+    zor_reg_set_bit_put(entry, field->rec_info, field->id, value);
+}
+
+void zor_reg_flag_set(void *rec, zor_reg_field_info *field, int value)
+{
+    /* The flag is `field` here: the assertion text names it so. */
+    ZOR_ASSERT(field->type->size == 0);
+    zor_reg_entry *entry = zor_reg_rec_entry(rec, field->rec_info);
+    value = value != 0;
+    if (zor_reg_bit_get(zor_reg_entry_set_bits(entry, field->rec_info), field->id) == value)
+        return;
+    zor_reg_set_state_change(rec, entry, field, value);
 }
 
 void zor_reg_flag_trigger(void *rec, zor_reg_field_info *flag)
@@ -391,9 +553,9 @@ void zor_reg_rec_delete_pending(void *rec, const zor_reg_field_info *field, int 
     ZOR_ASSERT(flag);
     zor_reg_entry *entry = zor_reg_rec_entry(rec, field->rec_info);
     ZOR_ASSERT(!zor_reg_entry_delete_pending(entry));
-    zor_partition_bucket *next;
-    for (zor_partition_bucket *b = entry->ds_rec->field_partition.buckets; b != nullptr; b = next) {
-        next = b->next;
+    zor_partition_bucket *b;
+    ZOR_PARTITION_BUCKETS_FOREACH(&entry->ds_rec->field_partition, b)
+    {
         zor_reg_field_info *watched = static_cast<struct zor_reg_ds_field *>(b->data)->field_info;
         if (zor_reg_flag_get(rec, watched))
             zor_reg_entry_changed(watched, entry);
@@ -481,7 +643,7 @@ void zor_reg_take_snapshot(zor_reg_ds *ds)
     ZOR_ASSERT(!ds->snapshot_active);
     zor_reg_process(ds);
     ds->snapshot_active = 1;
-    zor_partition_create(&ds->snapshot_partition, 128);
+    zor_partition_create(&ds->snapshot_partition, ZOR_PARTITION_SIZE);
     zor_partition_bucket_add(&ds->snapshot_partition, &ds->snapshot_created_bucket, nullptr);
     zor_partition_bucket_add(&ds->snapshot_partition, &ds->snapshot_updated_bucket, nullptr);
 }
@@ -489,13 +651,8 @@ void zor_reg_take_snapshot(zor_reg_ds *ds)
 /* Releases what the backup's values hold, then the block. */
 static void zor_reg_backup_release(zor_reg_entry *entry)
 {
-    zor_reg_rec_info *rec_info = entry->ds_rec->rec_info;
-    char *backup = static_cast<char *>(entry->backup);
-    for (uint32_t i = 0; i < rec_info->clear_on_destroy_count; i++) {
-        zor_reg_field_info *field = rec_info->clear_on_destroy[i];
-        field->type->free(backup + field->offset, field->type, field);
-    }
-    free(backup);
+    zor_reg_values_release(entry->ds_rec->rec_info, static_cast<char *>(entry->backup));
+    free(entry->backup);
     entry->backup = nullptr;
 }
 
@@ -506,29 +663,28 @@ void zor_reg_discard_snapshot(zor_reg_ds *ds)
 
     /* Buckets newest first: updated, then created. Every deleted record is
      * unlinked before any is freed. */
-    for (zor_partition_bucket *b = ds->snapshot_partition.buckets; b != nullptr; b = b->next)
-        for (zor_partition_elem *slot = b->first; slot != nullptr; slot = slot->next) {
-            zor_reg_entry *entry = static_cast<zor_reg_entry *>(slot->entry);
-            if (entry->snapshot_deleted)
-                zor_reg_rec_unlink(entry);
+    zor_partition_bucket *b;
+    zor_reg_entry *entry;
+    ZOR_PARTITION_BUCKETS_FOREACH(&ds->snapshot_partition, b)
+    ZOR_PARTITION_BUCKET_FOREACH(b, entry)
+    if (entry->snapshot_deleted)
+        zor_reg_rec_unlink(entry);
+    ZOR_PARTITION_BUCKETS_FOREACH(&ds->snapshot_partition, b)
+    ZOR_PARTITION_BUCKET_FOREACH(b, entry)
+    {
+        if (entry->backup != nullptr)
+            zor_reg_backup_release(entry);
+        if (entry->snapshot_deleted) {
+            zor_reg_rec_free(entry);
+            continue;
         }
-    for (zor_partition_bucket *b = ds->snapshot_partition.buckets; b != nullptr; b = b->next)
-        for (zor_partition_elem *slot = b->first; slot != nullptr; slot = slot->next) {
-            zor_reg_entry *entry = static_cast<zor_reg_entry *>(slot->entry);
-            if (entry->backup != nullptr)
-                zor_reg_backup_release(entry);
-            if (entry->snapshot_deleted) {
-                zor_reg_rec_free(entry);
-                continue;
-            }
-            ZOR_ASSERT(!entry->changes_prohibited);
-            entry->snapshot_updated = 0;
-            entry->snapshot_created = 0;
-            zor_reg_rec_info *rec_info = entry->ds_rec->rec_info;
-            memcpy(zor_reg_entry_snapshot_bits(entry, rec_info),
-                   zor_reg_entry_set_bits(entry, rec_info),
-                   zor_reg_bit_bytes(entry->ds_rec->field_count));
-        }
+        ZOR_ASSERT(!entry->changes_prohibited);
+        entry->snapshot_updated = 0;
+        entry->snapshot_created = 0;
+        zor_reg_rec_info *kind = entry->ds_rec->rec_info;
+        memcpy(zor_reg_entry_snapshot_bits(entry, kind), zor_reg_entry_set_bits(entry, kind),
+               zor_reg_bit_bytes(entry->ds_rec->field_count));
+    }
     zor_partition_destroy(&ds->snapshot_partition);
     ds->snapshot_active = 0;
 }
@@ -543,17 +699,17 @@ void zor_reg_discard_snapshot(zor_reg_ds *ds)
 static inline void zor_reg_snapshot_record_restore(zor_reg_entry *entry)
 {
     struct zor_reg_ds_rec *ds_rec = entry->ds_rec;
-    zor_reg_rec_info *rec_info = ds_rec->rec_info;
-    int32_t delete_flag_idx = rec_info->delete_pending;
+    zor_reg_rec_info *kind = ds_rec->rec_info;
+    int32_t delete_flag_idx = kind->delete_pending;
     ZOR_ASSERT(delete_flag_idx != -1);
-    uint8_t *set_bits = zor_reg_entry_set_bits(entry, rec_info);
+    uint8_t *set_bits = zor_reg_entry_set_bits(entry, kind);
     zor_reg_bit_clear(set_bits, static_cast<uint32_t>(delete_flag_idx));
-    char *rec = zor_reg_entry_rec(entry, rec_info);
+    char *rec = zor_reg_entry_rec(entry, kind);
 
     if (entry->backup != nullptr) {
         char *backup = static_cast<char *>(entry->backup);
         const uint8_t *backup_bits =
-            reinterpret_cast<uint8_t *>(backup) + rec_info->backup_bitfield_offset;
+            reinterpret_cast<uint8_t *>(backup) + kind->backup_bitfield_offset;
         for (uint32_t i = 0; i < ds_rec->field_count; i++) {
             zor_reg_field_info *field = ds_rec->fields[i].field_info;
             if (zor_reg_bit_get(backup_bits, i) &&
@@ -563,20 +719,13 @@ static inline void zor_reg_snapshot_record_restore(zor_reg_entry *entry)
         zor_reg_backup_release(entry);
     }
 
-    const uint8_t *snap_bits = zor_reg_entry_snapshot_bits(entry, rec_info);
+    const uint8_t *snap_bits = zor_reg_entry_snapshot_bits(entry, kind);
     for (uint32_t i = 0; i < ds_rec->field_count; i++) {
         zor_reg_field_info *field = ds_rec->fields[i].field_info;
         int snap = zor_reg_bit_get(snap_bits, i);
-        const zor_datatype_info *type = field->type;
-        if (snap == zor_reg_bit_get(set_bits, i) ||
-            (type->properties & ZOR_DATATYPE_PROP_NO_RESTORE))
-            continue;
-        char *place = rec + field->offset;
-        zor_reg_field_notifiers_call(&ds_rec->fields[i], rec, field, snap, snap ? place : nullptr);
-        if (type->write != nullptr && (type->properties & ZOR_DATATYPE_PROP_RESET_ON_UNSET))
-            type->write(place, nullptr, type);
-        zor_reg_entry_changed(field, entry);
-        zor_reg_set_bit_put(entry, rec_info, i, snap);
+        if (snap != zor_reg_bit_get(set_bits, i) &&
+            !(field->type->properties & ZOR_DATATYPE_PROP_NO_RESTORE))
+            zor_reg_set_state_change(rec, entry, field, snap);
     }
 }
 
@@ -587,10 +736,11 @@ void zor_reg_restore_snapshot(zor_reg_ds *ds)
     ds->snapshot_active = 0;
 
     zor_partition_bucket *updated = &ds->snapshot_updated_bucket;
-    for (zor_partition_elem *slot = updated->first; slot != nullptr; slot = slot->next)
-        static_cast<zor_reg_entry *>(slot->entry)->changes_prohibited = 0;
-    for (zor_partition_elem *slot = updated->first; slot != nullptr; slot = slot->next) {
-        zor_reg_entry *entry = static_cast<zor_reg_entry *>(slot->entry);
+    zor_reg_entry *entry;
+    ZOR_PARTITION_BUCKET_FOREACH(updated, entry)
+    entry->changes_prohibited = 0;
+    ZOR_PARTITION_BUCKET_FOREACH(updated, entry)
+    {
         ZOR_ASSERT(entry->snapshot_updated);
         ZOR_ASSERT(!entry->snapshot_created);
         entry->snapshot_updated = 0;
@@ -603,24 +753,24 @@ void zor_reg_restore_snapshot(zor_reg_ds *ds)
 
     /* Records created since the take leave through their delete-pending flag. */
     zor_partition_bucket *created = &ds->snapshot_created_bucket;
-    for (zor_partition_elem *slot = created->first; slot != nullptr; slot = slot->next) {
-        zor_reg_entry *entry = static_cast<zor_reg_entry *>(slot->entry);
+    ZOR_PARTITION_BUCKET_FOREACH(created, entry)
+    {
         ZOR_ASSERT(entry->backup == ZOR_NULL);
         ZOR_ASSERT(!entry->snapshot_updated);
         ZOR_ASSERT(entry->snapshot_created);
         entry->snapshot_created_restore = 1;
         if (!entry->snapshot_deleted) {
             ZOR_ASSERT(!entry->changes_prohibited);
-            zor_reg_rec_info *rec_info = entry->ds_rec->rec_info;
-            int32_t delete_flag_idx = rec_info->delete_pending;
+            zor_reg_rec_info *kind = entry->ds_rec->rec_info;
+            int32_t delete_flag_idx = kind->delete_pending;
             ZOR_ASSERT(delete_flag_idx != -1);
-            zor_reg_flag_set(zor_reg_entry_rec(entry, rec_info),
+            zor_reg_flag_set(zor_reg_entry_rec(entry, kind),
                              entry->ds_rec->fields[delete_flag_idx].field_info, 1);
         }
     }
     zor_reg_process(ds);
-    for (zor_partition_elem *slot = created->first; slot != nullptr; slot = slot->next) {
-        zor_reg_entry *entry = static_cast<zor_reg_entry *>(slot->entry);
+    ZOR_PARTITION_BUCKET_FOREACH(created, entry)
+    {
         ZOR_ASSERT(entry->snapshot_created_restore);
         ZOR_ASSERT(entry->snapshot_deleted);
         zor_reg_rec_unlink(entry);
@@ -630,16 +780,16 @@ void zor_reg_restore_snapshot(zor_reg_ds *ds)
 }
 
 /* The value of a field at the take, or NULL when it was not set then. */
-static inline const void *zor_reg_snapshot_value(const zor_reg_entry *hdr, const void *rec,
+static inline const void *zor_reg_snapshot_value(const zor_reg_entry *entry, const void *rec,
                                                  const zor_reg_field_info *field)
 {
-    zor_reg_rec_info *rec_info = field->rec_info;
-    if (!zor_reg_bit_get(zor_reg_entry_snapshot_bits(hdr, rec_info), field->id))
+    zor_reg_rec_info *kind = field->rec_info;
+    if (!zor_reg_bit_get(zor_reg_entry_snapshot_bits(entry, kind), field->id))
         return nullptr;
-    if (hdr->backup != nullptr) {
-        const char *backup = static_cast<const char *>(hdr->backup);
+    if (entry->backup != nullptr) {
+        const char *backup = static_cast<const char *>(entry->backup);
         if (zor_reg_bit_get(reinterpret_cast<const uint8_t *>(backup) +
-                                rec_info->backup_bitfield_offset,
+                                kind->backup_bitfield_offset,
                             field->id))
             return backup + field->offset;
     }
@@ -648,11 +798,11 @@ static inline const void *zor_reg_snapshot_value(const zor_reg_entry *hdr, const
 
 const void *zor_reg_snapshot_field_get(const void *rec, zor_reg_field_info *field)
 {
-    zor_reg_entry *hdr = zor_reg_rec_entry(rec, field->rec_info);
-    const void *value = zor_reg_snapshot_value(hdr, rec, field);
+    zor_reg_entry *entry = zor_reg_rec_entry(rec, field->rec_info);
+    const void *value = zor_reg_snapshot_value(entry, rec, field);
     if (value != nullptr)
         return value;
-    return zor_reg_field_default(field, zor_reg_entry_snapshot_bits(hdr, field->rec_info));
+    return zor_reg_field_default(field, zor_reg_entry_snapshot_bits(entry, field->rec_info));
 }
 
 const void *zor_reg_snapshot_field_get_explicit(const void *rec, zor_reg_field_info *field)
@@ -662,8 +812,8 @@ const void *zor_reg_snapshot_field_get_explicit(const void *rec, zor_reg_field_i
 
 int zor_reg_snapshot_flag_get(const void *rec, zor_reg_field_info *flag)
 {
-    zor_reg_entry *hdr = zor_reg_rec_entry(rec, flag->rec_info);
-    const uint8_t *snap_bits = zor_reg_entry_snapshot_bits(hdr, flag->rec_info);
+    zor_reg_entry *entry = zor_reg_rec_entry(rec, flag->rec_info);
+    const uint8_t *snap_bits = zor_reg_entry_snapshot_bits(entry, flag->rec_info);
     if (zor_reg_bit_get(snap_bits, flag->id))
         return 1;
     return zor_reg_field_default(flag, snap_bits) != nullptr;
@@ -671,6 +821,6 @@ int zor_reg_snapshot_flag_get(const void *rec, zor_reg_field_info *flag)
 
 int zor_reg_snapshot_flag_get_explicit(const void *rec, zor_reg_field_info *flag)
 {
-    zor_reg_entry *hdr = zor_reg_rec_entry(rec, flag->rec_info);
-    return zor_reg_bit_get(zor_reg_entry_snapshot_bits(hdr, flag->rec_info), flag->id);
+    zor_reg_entry *entry = zor_reg_rec_entry(rec, flag->rec_info);
+    return zor_reg_bit_get(zor_reg_entry_snapshot_bits(entry, flag->rec_info), flag->id);
 }

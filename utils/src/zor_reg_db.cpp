@@ -35,7 +35,7 @@ ZOR_LAYOUT(zor_reg_cb_trace_slot, 20, iteration, reg, resync, count);
 
 uint32_t zor_reg_in_cb_processing;
 uint32_t zor_reg_cb_trace_count;
-zor_reg_cb_trace_slot zor_reg_cb_trace[1000];
+zor_reg_cb_trace_slot zor_reg_cb_trace[ZOR_REG_CB_TRACE_SIZE];
 
 /* ---- schema -------------------------------------------------------------- */
 
@@ -46,29 +46,29 @@ void zor_reg_db_init(zor_reg_db *db)
 
 zor_reg_rec_info *zor_reg_db_rec_add(zor_reg_db *db)
 {
-    zor_reg_rec_info *rec_info =
-        static_cast<zor_reg_rec_info *>(util_calloc(sizeof(zor_reg_rec_info)));
-    rec_info->id = db->recs.count;
-    zor_list_init(&rec_info->fields, 0);
-    rec_info->delete_pending = -1;
-    zor_list_append(&db->recs, rec_info);
-    return rec_info;
+    zor_reg_rec_info *kind = static_cast<zor_reg_rec_info *>(util_calloc(sizeof(zor_reg_rec_info)));
+    kind->id = db->recs.count;
+    zor_list_init(&kind->fields, 0);
+    kind->delete_pending = -1;
+    zor_list_append(&db->recs, kind);
+    return kind;
 }
 
-zor_reg_field_info *zor_reg_db_rec_add_field(zor_reg_rec_info *rec_info, uint64_t offset,
+zor_reg_field_info *zor_reg_db_rec_add_field(zor_reg_rec_info *kind, uint64_t offset,
                                              const zor_datatype_info *type)
 {
     const zor_datatype_info *datatype_info = type;
+    /* The assertion text fixes the name and the literal (ZOR_DATATYPE_PROP_FLATTENED). */
     ZOR_ASSERT((datatype_info->properties & 0x10) != 0);
     zor_reg_field_info *field =
         static_cast<zor_reg_field_info *>(util_calloc(sizeof(zor_reg_field_info)));
-    field->rec_info = rec_info;
-    field->id = rec_info->fields.count;
+    field->rec_info = kind;
+    field->id = kind->fields.count;
     field->offset = offset;
     field->type = type;
-    zor_list_append(&rec_info->fields, field);
+    zor_list_append(&kind->fields, field);
     if (type->free != nullptr)
-        rec_info->clear_on_destroy_count++;
+        kind->clear_on_destroy_count++;
     return field;
 }
 
@@ -85,42 +85,43 @@ void zor_reg_db_field_set_default(zor_reg_field_info *field, zor_reg_field_info 
 void zor_reg_db_rec_set_deletion_info(zor_reg_rec_info *rec, zor_reg_field_info *flag,
                                       zor_reg_unlink_fn unlink_cb, zor_reg_free_fn free_cb)
 {
+    /* The kind is `rec` here: the assertion text below names it so. */
     ZOR_ASSERT(rec->delete_pending == -1);
     rec->delete_pending = (int32_t)flag->id;
     rec->unlink_cb = unlink_cb;
     rec->free_cb = free_cb;
 }
 
-void zor_reg_db_rec_set_offsets(zor_reg_rec_info *rec_info, uint64_t rec_offset, uint64_t rec_size)
+void zor_reg_db_rec_set_offsets(zor_reg_rec_info *kind, uint64_t rec_offset, uint64_t rec_size)
 {
-    uint64_t nb = zor_reg_bit_bytes(rec_info->fields.count);
-    rec_info->rec_offset = rec_offset;
-    rec_info->bitfield_offset = rec_offset + rec_size;
-    rec_info->snapshot_bitfield_offset = rec_info->bitfield_offset + nb;
-    rec_info->reg_bitfield_offset = rec_info->bitfield_offset + 2 * nb;
-    rec_info->size = rec_info->reg_bitfield_offset;
-    rec_info->backup_bitfield_offset = rec_size;
-    rec_info->backup_size = rec_size + nb;
+    uint64_t nb = zor_reg_bit_bytes(kind->fields.count);
+    kind->rec_offset = rec_offset;
+    kind->bitfield_offset = rec_offset + rec_size;
+    kind->snapshot_bitfield_offset = kind->bitfield_offset + nb;
+    kind->reg_bitfield_offset = kind->bitfield_offset + 2 * nb;
+    kind->size = kind->reg_bitfield_offset;
+    kind->backup_bitfield_offset = rec_size;
+    kind->backup_size = rec_size + nb;
 }
 
 void zor_reg_db_destroy(zor_reg_db *db)
 {
     zor_iter recs_iter;
     zor_list_iter_state recs_state;
-    zor_reg_rec_info *rec_info;
+    zor_reg_rec_info *kind;
     zor_iter_create(&recs_iter, zor_list_iterator(&recs_iter, &recs_state, &db->recs));
-    ZOR_ITER_FOREACH (&recs_iter, rec_info) {
+    ZOR_ITER_FOREACH (&recs_iter, kind) {
         zor_iter fields_iter;
         zor_list_iter_state fields_state;
         zor_reg_field_info *field;
         zor_iter_create(&fields_iter,
-                        zor_list_iterator(&fields_iter, &fields_state, &rec_info->fields));
+                        zor_list_iterator(&fields_iter, &fields_state, &kind->fields));
         ZOR_ITER_FOREACH (&fields_iter, field) {
             free(field);
         }
         zor_iter_free(&fields_iter);
-        free(rec_info->clear_on_destroy);
-        free(rec_info);
+        free(kind->clear_on_destroy);
+        free(kind);
     }
     zor_iter_free(&recs_iter);
 }
@@ -138,6 +139,7 @@ zor_reg_rec_info *zor_reg_db_rec_info(const zor_reg_entry *entry)
  */
 static void zor_reg_db_rec_populate_clear_on_destroy(zor_reg_rec_info *rec)
 {
+    /* The kind is `rec` here: the assertion text at the end names it so. */
     if (rec->clear_on_destroy != nullptr || rec->clear_on_destroy_count == 0)
         return;
     rec->clear_on_destroy = static_cast<zor_reg_field_info **>(
@@ -164,9 +166,9 @@ static void zor_reg_db_rec_populate_clear_on_destroy(zor_reg_rec_info *rec)
  */
 static void zor_reg_db_rec_install_removal(zor_reg_ds *ds, struct zor_reg_ds_rec *ds_rec)
 {
-    zor_reg_rec_info *rec = ds_rec->rec_info;
-    zor_reg_field_info *flag = ds_rec->fields[rec->delete_pending].field_info;
-    ds_rec->rmv_reg = zor_register_rec_update_v(ds, rec, ZOR_REG_LEVEL_2, zor_reg_db_rec_rmv_cb,
+    zor_reg_rec_info *kind = ds_rec->rec_info;
+    zor_reg_field_info *flag = ds_rec->fields[kind->delete_pending].field_info;
+    ds_rec->rmv_reg = zor_register_rec_update_v(ds, kind, ZOR_REG_LEVEL_2, zor_reg_db_rec_rmv_cb,
                                                 nullptr, 1, flag);
     zor_reg_enable(ds_rec->rmv_reg, 0);
     zor_register_field_update(ds, flag, zor_reg_rec_delete_pending, nullptr);
@@ -179,35 +181,35 @@ zor_reg_ds *zor_reg_ds_init(zor_reg_db *db, void *ctx)
     ds->ctx = ctx;
     zor_reg_in_cb_processing = 0;
     for (zor_reg_level &level : ds->levels) {
-        zor_partition_create(&level.parts[0], 128);
-        zor_partition_create(&level.parts[1], 128);
+        zor_partition_create(&level.parts[0], ZOR_PARTITION_SIZE);
+        zor_partition_create(&level.parts[1], ZOR_PARTITION_SIZE);
     }
     ds->rec_count = db->recs.count;
     ds->recs = static_cast<struct zor_reg_ds_rec *>(
         util_calloc(sizeof(struct zor_reg_ds_rec) * ds->rec_count));
 
     uint32_t rec_idx = 0;
-    for (zor_reg_rec_info *rec = static_cast<zor_reg_rec_info *>(db->recs.first); rec != nullptr;
-         rec = static_cast<zor_reg_rec_info *>(rec->link.next)) {
-        zor_reg_db_rec_populate_clear_on_destroy(rec);
+    for (zor_reg_rec_info *kind = static_cast<zor_reg_rec_info *>(db->recs.first); kind != nullptr;
+         kind = static_cast<zor_reg_rec_info *>(kind->link.next)) {
+        zor_reg_db_rec_populate_clear_on_destroy(kind);
 
         struct zor_reg_ds_rec *ds_rec = &ds->recs[rec_idx++];
         ds_rec->ds = ds;
-        ds_rec->rec_info = rec;
+        ds_rec->rec_info = kind;
         zor_list_init(&ds_rec->create_regs, 0);
         zor_list_init(&ds_rec->delete_regs, 0);
         zor_list_init(&ds_rec->update_regs, 0);
-        zor_partition_create(&ds_rec->field_partition, 128);
+        zor_partition_create(&ds_rec->field_partition, ZOR_PARTITION_SIZE);
         zor_list_init(&ds_rec->entries, offsetof(zor_reg_entry, link));
         zor_iter_create(
             &ds_rec->entry_iter,
             zor_list_iterator(&ds_rec->entry_iter, &ds_rec->entry_iter_state, &ds_rec->entries));
 
-        ds_rec->field_count = rec->fields.count;
+        ds_rec->field_count = kind->fields.count;
         ds_rec->fields = static_cast<struct zor_reg_ds_field *>(
             util_calloc(sizeof(struct zor_reg_ds_field) * ds_rec->field_count));
         uint32_t field_idx = 0;
-        for (zor_reg_field_info *field = static_cast<zor_reg_field_info *>(rec->fields.first);
+        for (zor_reg_field_info *field = static_cast<zor_reg_field_info *>(kind->fields.first);
              field != nullptr; field = static_cast<zor_reg_field_info *>(field->link.next)) {
             ZOR_ASSERT(field_idx < ds_rec->field_count);
             struct zor_reg_ds_field *ds_field = &ds_rec->fields[field_idx];
@@ -217,7 +219,7 @@ zor_reg_ds *zor_reg_ds_init(zor_reg_db *db, void *ctx)
             field_idx++;
         }
         ZOR_ASSERT(field_idx == ds_rec->field_count);
-        if (rec->delete_pending != -1)
+        if (kind->delete_pending != -1)
             zor_reg_db_rec_install_removal(ds, ds_rec);
     }
     ZOR_ASSERT(rec_idx == ds->rec_count);
@@ -283,10 +285,10 @@ void *zor_reg_db_ds_rec_ctx_get(const struct zor_reg_ds_rec *ds_rec)
     return ds_rec->ctx;
 }
 
-uint64_t zor_reg_rec_size(const zor_reg_ds *ds, const zor_reg_rec_info *rec_info)
+uint64_t zor_reg_rec_size(const zor_reg_ds *ds, const zor_reg_rec_info *kind)
 {
-    struct zor_reg_ds_rec *ds_rec = zor_reg_ds_rec(ds, rec_info);
-    return rec_info->size + (ds_rec->update_regs.count + 7) / 8;
+    struct zor_reg_ds_rec *ds_rec = zor_reg_ds_rec(ds, kind);
+    return kind->size + (ds_rec->update_regs.count + 7) / 8;
 }
 
 /* Calls every record notifier of `list` with the caller's record. */
@@ -300,28 +302,27 @@ static void zor_reg_rec_notifiers_call(zor_list *list, void *rec)
     }
 }
 
-void zor_reg_rec_created(zor_reg_ds *ds, zor_reg_rec_info *rec_info, zor_reg_entry *entry)
+void zor_reg_rec_created(zor_reg_ds *ds, zor_reg_rec_info *kind, zor_reg_entry *entry)
 {
-    struct zor_reg_ds_rec *ds_rec = zor_reg_ds_rec(ds, rec_info);
-    zor_reg_entry *rec_hdr = entry;
+    struct zor_reg_ds_rec *ds_rec = zor_reg_ds_rec(ds, kind);
+    zor_reg_entry *rec_hdr = entry; /* the name the assertion texts below report */
     if (ds->snapshot_active) {
-        if (rec_hdr->snapshot_deleted) {
+        if (entry->snapshot_deleted) {
             /* Deleted during this snapshot and back again: it starts with no values. */
             ZOR_ASSERT(rec_hdr->ds_rec == ds_rec);
             ZOR_ASSERT(rec_hdr->snapshot_created || rec_hdr->snapshot_updated);
-            memset(zor_reg_entry_set_bits(rec_hdr, rec_info), 0,
-                   zor_reg_bit_bytes(ds_rec->field_count));
-            rec_hdr->changes_prohibited = 0;
-            rec_hdr->snapshot_deleted = 0;
+            memset(zor_reg_entry_set_bits(entry, kind), 0, zor_reg_bit_bytes(ds_rec->field_count));
+            entry->changes_prohibited = 0;
+            entry->snapshot_deleted = 0;
         } else {
             ZOR_ASSERT(!rec_hdr->snapshot_created && !rec_hdr->snapshot_updated);
-            rec_hdr->snapshot_created = 1;
-            zor_partition_entry_add(&ds->snapshot_created_bucket, rec_hdr);
+            entry->snapshot_created = 1;
+            zor_partition_entry_add(&ds->snapshot_created_bucket, entry);
         }
     }
-    rec_hdr->ds_rec = ds_rec;
-    zor_list_append(&ds_rec->entries, rec_hdr);
-    zor_reg_rec_notifiers_call(&ds_rec->create_regs, zor_reg_entry_rec(rec_hdr, rec_info));
+    entry->ds_rec = ds_rec;
+    zor_list_append(&ds_rec->entries, entry);
+    zor_reg_rec_notifiers_call(&ds_rec->create_regs, zor_reg_entry_rec(entry, kind));
 }
 
 void zor_reg_rec_deleted(zor_reg_entry *entry)
@@ -340,17 +341,13 @@ void zor_reg_rec_unlink(zor_reg_entry *entry)
 
 void zor_reg_rec_free(zor_reg_entry *entry)
 {
-    zor_reg_entry *rec_hdr = entry;
+    zor_reg_entry *rec_hdr = entry; /* the name the assertion text reports */
     ZOR_ASSERT(rec_hdr->backup == ZOR_NULL);
-    struct zor_reg_ds_rec *ds_rec = rec_hdr->ds_rec;
-    zor_reg_rec_info *rec_info = ds_rec->rec_info;
-    char *rec = zor_reg_entry_rec(rec_hdr, rec_info);
-    for (uint32_t i = 0; i < rec_info->clear_on_destroy_count; i++) {
-        zor_reg_field_info *field = rec_info->clear_on_destroy[i];
-        field->type->free(rec + field->offset, field->type, field);
-    }
-    if (rec_info->free_cb != nullptr)
-        rec_info->free_cb(ds_rec->ds, rec_hdr);
+    struct zor_reg_ds_rec *ds_rec = entry->ds_rec;
+    zor_reg_rec_info *kind = ds_rec->rec_info;
+    zor_reg_values_release(kind, zor_reg_entry_rec(entry, kind));
+    if (kind->free_cb != nullptr)
+        kind->free_cb(ds_rec->ds, entry);
 }
 
 uint32_t zor_reg_rec_snapshot_active(const zor_reg_entry *entry)
@@ -383,7 +380,7 @@ static int zor_reg_cb_invoke(zor_reg_rec_update *reg, uint32_t resync, zor_iter 
     info.count = count;
     info.iter = iter;
 
-    zor_reg_cb_trace_slot *slot = &zor_reg_cb_trace[zor_reg_cb_trace_count % 1000];
+    zor_reg_cb_trace_slot *slot = &zor_reg_cb_trace[zor_reg_cb_trace_count % ZOR_REG_CB_TRACE_SIZE];
     slot->iteration = iteration;
     slot->reg = reg;
     slot->resync = resync;
@@ -408,7 +405,7 @@ static void zor_reg_resync_deliver(zor_reg_rec_update *reg)
 {
     zor_partition partition;
     zor_partition_bucket bucket;
-    zor_partition_create(&partition, 128);
+    zor_partition_create(&partition, ZOR_PARTITION_SIZE);
     zor_partition_bucket_add(&partition, &bucket, reg);
 
     zor_iter *entries = &reg->ds_rec->entry_iter;
@@ -473,27 +470,28 @@ static void zor_reg_process_pass(zor_reg_level *level, uint32_t iterations)
         zor_reg_rec_update *reg = static_cast<zor_reg_rec_update *>(p->buckets->data);
         uint64_t queued_offset = reg->ds_rec->rec_info->reg_bitfield_offset;
         uint32_t id = reg->id;
-        for (zor_partition_elems *elems = p->elems; elems != nullptr; elems = elems->next) {
-            zor_partition_elem *slots = elems->slots;
-            for (uint32_t i = 0, n = elems->count; i < n; i++)
-                zor_reg_bit_clear(static_cast<uint8_t *>(slots[i].entry) + queued_offset, id);
-        }
+        uint8_t *entry;
+        ZOR_PARTITION_ENTRIES_FOREACH(p, entry)
+        zor_reg_bit_clear(entry + queued_offset, id);
         reg->in_partition = 0;
     } else {
-        for (zor_partition_bucket *b = p->buckets; b != nullptr; b = b->next) {
+        zor_partition_bucket *b;
+        ZOR_PARTITION_BUCKETS_FOREACH(p, b)
+        {
             zor_reg_rec_update *reg = static_cast<zor_reg_rec_update *>(b->data);
             uint64_t queued_offset = reg->ds_rec->rec_info->reg_bitfield_offset;
             uint32_t id = reg->id;
-            for (zor_partition_elem *slot = b->first; slot != nullptr; slot = slot->next)
-                zor_reg_bit_clear(reinterpret_cast<uint8_t *>(slot->entry) + queued_offset, id);
+            uint8_t *entry;
+            ZOR_PARTITION_BUCKET_FOREACH(b, entry)
+            zor_reg_bit_clear(entry + queued_offset, id);
             reg->in_partition = 0;
         }
     }
     level->active ^= 1;
 
-    zor_partition_bucket *next;
-    for (zor_partition_bucket *b = p->buckets; b != nullptr; b = next) {
-        next = b->next;
+    zor_partition_bucket *b;
+    ZOR_PARTITION_BUCKETS_FOREACH(p, b)
+    {
         zor_reg_process_reg(static_cast<zor_reg_rec_update *>(b->data), b, iterations);
     }
     zor_partition_reset(p);
@@ -517,6 +515,7 @@ void zor_reg_process(zor_reg_ds *ds)
             break;
         zor_reg_process_pass(level, iterations);
         iterations++;
+        /* The assertion text fixes the bound: at most 99 passes per call. */
         ZOR_ASSERT(iterations < 100);
     }
     zor_reg_in_cb_processing = 0;
@@ -569,9 +568,9 @@ int zor_reg_track_present_cb(zor_reg_cb_info *info, zor_iter *entries, void *ctx
     return zor_reg_track_apply(info, entries, static_cast<zor_reg_field_info *>(ctx), 1);
 }
 
-zor_reg_rec_update *zor_reg_track(zor_reg_ds *ds, zor_reg_rec_info *rec_info, uint32_t flags,
+zor_reg_rec_update *zor_reg_track(zor_reg_ds *ds, zor_reg_rec_info *kind, uint32_t flags,
                                   zor_reg_field_info *flag, int invert)
 {
     return zor_register_rec_update(
-        ds, rec_info, flags, invert ? zor_reg_track_present_cb : zor_reg_track_deleting_cb, flag);
+        ds, kind, flags, invert ? zor_reg_track_present_cb : zor_reg_track_deleting_cb, flag);
 }

@@ -47,7 +47,7 @@ static inline uint32_t zor_reg_bit_bytes(uint32_t field_count)
 
 /* ---- finding state ------------------------------------------------------- */
 
-/* The per-kind state of `rec_info` in `ds`. */
+/* The per-kind state of the kind `rec_info` (the name the assertion texts report) in `ds`. */
 static inline struct zor_reg_ds_rec *zor_reg_ds_rec(const zor_reg_ds *ds,
                                                     const zor_reg_rec_info *rec_info)
 {
@@ -68,7 +68,10 @@ static inline struct zor_reg_ds_field *zor_reg_ds_field(const zor_reg_ds *ds,
     return ds_field;
 }
 
-/* The entry of the caller's record `rec` of kind `rec_info`. */
+/*
+ * The entry of the caller's record `rec` of kind `rec_info` (the kind and
+ * the entry bear the names the assertion text reports).
+ */
 static inline zor_reg_entry *zor_reg_rec_entry(const void *rec, const zor_reg_rec_info *rec_info)
 {
     zor_reg_entry *hdr = (zor_reg_entry *)((char *)rec - rec_info->rec_offset);
@@ -79,36 +82,35 @@ static inline zor_reg_entry *zor_reg_rec_entry(const void *rec, const zor_reg_re
 /* ---- the bit arrays of a record block ------------------------------------ */
 
 static inline uint8_t *zor_reg_entry_set_bits(const zor_reg_entry *entry,
-                                              const zor_reg_rec_info *rec_info)
+                                              const zor_reg_rec_info *kind)
 {
-    return (uint8_t *)entry + rec_info->bitfield_offset;
+    return (uint8_t *)entry + kind->bitfield_offset;
 }
 
 static inline uint8_t *zor_reg_entry_snapshot_bits(const zor_reg_entry *entry,
-                                                   const zor_reg_rec_info *rec_info)
+                                                   const zor_reg_rec_info *kind)
 {
-    return (uint8_t *)entry + rec_info->snapshot_bitfield_offset;
+    return (uint8_t *)entry + kind->snapshot_bitfield_offset;
 }
 
 static inline uint8_t *zor_reg_entry_queued_bits(const zor_reg_entry *entry,
-                                                 const zor_reg_rec_info *rec_info)
+                                                 const zor_reg_rec_info *kind)
 {
-    return (uint8_t *)entry + rec_info->reg_bitfield_offset;
+    return (uint8_t *)entry + kind->reg_bitfield_offset;
 }
 
-/* The caller's record of an entry of kind `rec_info`. */
-static inline char *zor_reg_entry_rec(const zor_reg_entry *entry, const zor_reg_rec_info *rec_info)
+/* The caller's record of an entry of kind `kind`. */
+static inline char *zor_reg_entry_rec(const zor_reg_entry *entry, const zor_reg_rec_info *kind)
 {
-    return (char *)entry + rec_info->rec_offset;
+    return (char *)entry + kind->rec_offset;
 }
 
 /* 1 when the entry's kind has a delete-pending flag and it is set on the entry. */
 static inline int zor_reg_entry_delete_pending(const zor_reg_entry *entry)
 {
-    const zor_reg_rec_info *rec_info = entry->ds_rec->rec_info;
-    return rec_info->delete_pending != -1 &&
-           zor_reg_bit_get(zor_reg_entry_set_bits(entry, rec_info),
-                           (uint32_t)rec_info->delete_pending);
+    const zor_reg_rec_info *kind = entry->ds_rec->rec_info;
+    return kind->delete_pending != -1 &&
+           zor_reg_bit_get(zor_reg_entry_set_bits(entry, kind), (uint32_t)kind->delete_pending);
 }
 
 /*
@@ -127,24 +129,15 @@ static inline int zor_reg_entry_matches(const zor_reg_entry *entry, const zor_re
 }
 
 /*
- * zor_partition_entry_add for the queueing hot path, given the bucket's
- * partition `p` (known to the caller without loading it from the bucket):
- * takes the next slot of the newest array in place, and leaves growth (a
- * new array) to zor_partition_entry_add itself.
+ * Releases what the values of a record of `kind` at `values` hold: the
+ * caller's record, or a backup block with the same layout.
  */
-static inline void zor_reg_bucket_append(zor_partition *p, zor_partition_bucket *bucket,
-                                         void *entry)
+static inline void zor_reg_values_release(const zor_reg_rec_info *kind, char *values)
 {
-    zor_partition_elems *elems = p->elems;
-    if (__builtin_expect(elems->count == elems->size, 0)) {
-        zor_partition_entry_add(bucket, entry);
-        return;
+    for (uint32_t i = 0; i < kind->clear_on_destroy_count; i++) {
+        zor_reg_field_info *field = kind->clear_on_destroy[i];
+        field->type->free(values + field->offset, field->type, field);
     }
-    zor_partition_elem *slot = &elems->slots[elems->count++];
-    slot->entry = entry;
-    *bucket->tail = slot;
-    bucket->tail = &slot->next;
-    bucket->count++;
 }
 
 /*
