@@ -89,17 +89,17 @@ TEST(Partition, InterleavedBucketsAndProcessOrder)
     /* The walking forms see what the iterators see, across both slot arrays. */
     std::vector<int> walked;
     int *entry;
-    ZOR_PARTITION_BUCKET_FOREACH(&b[1], entry)
-    walked.push_back(*entry);
+    ZOR_PARTITION_BUCKET_FOREACH (&b[1], entry)
+        walked.push_back(*entry);
     EXPECT_EQ(walked, entries_of(&b[1]));
     std::string order;
     zor_partition_bucket *bucket;
-    ZOR_PARTITION_BUCKETS_FOREACH(&p, bucket)
-    order += static_cast<const char *>(bucket->data) + std::string(" ");
+    ZOR_PARTITION_BUCKETS_FOREACH (&p, bucket)
+        order += static_cast<const char *>(bucket->data) + std::string(" ");
     EXPECT_EQ(order, "third second first ");
     walked.clear();
-    ZOR_PARTITION_ENTRIES_FOREACH(&p, entry)
-    walked.push_back(*entry);
+    ZOR_PARTITION_ENTRIES_FOREACH (&p, entry)
+        walked.push_back(*entry);
     std::sort(walked.begin(), walked.end());
     EXPECT_EQ(walked, (std::vector<int>{0, 1, 2, 3, 4, 5}));
 

@@ -195,8 +195,7 @@ static inline void zor_reg_entry_queue(zor_partition_bucket *watchers, zor_reg_e
                                        uint8_t *queued, zor_reg_level *levels)
 {
     zor_reg_rec_update *reg;
-    ZOR_PARTITION_BUCKET_FOREACH(watchers, reg)
-    {
+    ZOR_PARTITION_BUCKET_FOREACH (watchers, reg) {
         uint32_t id = reg->id;
         if (zor_reg_bit_get(queued, id))
             continue;
@@ -507,6 +506,12 @@ static inline const void *zor_reg_field_default(const zor_reg_field_info *field,
     return field->default_value;
 }
 
+/* A flag read from set or snapshot bits: set there, or on through its default. */
+static inline int zor_reg_flag_in(const zor_reg_field_info *flag, const uint8_t *bits)
+{
+    return zor_reg_bit_get(bits, flag->id) || zor_reg_field_default(flag, bits) != nullptr;
+}
+
 const void *zor_reg_field_get(const void *rec, zor_reg_field_info *field)
 {
     zor_reg_entry *entry = zor_reg_rec_entry(rec, field->rec_info);
@@ -533,10 +538,7 @@ int zor_reg_flag_get(const void *rec, zor_reg_field_info *flag)
     zor_reg_entry *entry = zor_reg_rec_entry(rec, flag->rec_info);
     if (entry->snapshot_deleted)
         return 0;
-    const uint8_t *set_bits = zor_reg_entry_set_bits(entry, flag->rec_info);
-    if (zor_reg_bit_get(set_bits, flag->id))
-        return 1;
-    return zor_reg_field_default(flag, set_bits) != nullptr;
+    return zor_reg_flag_in(flag, zor_reg_entry_set_bits(entry, flag->rec_info));
 }
 
 int zor_reg_flag_get_explicit(const void *rec, zor_reg_field_info *flag)
@@ -554,8 +556,7 @@ void zor_reg_rec_delete_pending(void *rec, const zor_reg_field_info *field, int 
     zor_reg_entry *entry = zor_reg_rec_entry(rec, field->rec_info);
     ZOR_ASSERT(!zor_reg_entry_delete_pending(entry));
     zor_partition_bucket *b;
-    ZOR_PARTITION_BUCKETS_FOREACH(&entry->ds_rec->field_partition, b)
-    {
+    ZOR_PARTITION_BUCKETS_FOREACH (&entry->ds_rec->field_partition, b) {
         zor_reg_field_info *watched = static_cast<struct zor_reg_ds_field *>(b->data)->field_info;
         if (zor_reg_flag_get(rec, watched))
             zor_reg_entry_changed(watched, entry);
@@ -665,26 +666,25 @@ void zor_reg_discard_snapshot(zor_reg_ds *ds)
      * unlinked before any is freed. */
     zor_partition_bucket *b;
     zor_reg_entry *entry;
-    ZOR_PARTITION_BUCKETS_FOREACH(&ds->snapshot_partition, b)
-    ZOR_PARTITION_BUCKET_FOREACH(b, entry)
-    if (entry->snapshot_deleted)
-        zor_reg_rec_unlink(entry);
-    ZOR_PARTITION_BUCKETS_FOREACH(&ds->snapshot_partition, b)
-    ZOR_PARTITION_BUCKET_FOREACH(b, entry)
-    {
-        if (entry->backup != nullptr)
-            zor_reg_backup_release(entry);
-        if (entry->snapshot_deleted) {
-            zor_reg_rec_free(entry);
-            continue;
+    ZOR_PARTITION_BUCKETS_FOREACH (&ds->snapshot_partition, b)
+        ZOR_PARTITION_BUCKET_FOREACH (b, entry)
+            if (entry->snapshot_deleted)
+                zor_reg_rec_unlink(entry);
+    ZOR_PARTITION_BUCKETS_FOREACH (&ds->snapshot_partition, b)
+        ZOR_PARTITION_BUCKET_FOREACH (b, entry) {
+            if (entry->backup != nullptr)
+                zor_reg_backup_release(entry);
+            if (entry->snapshot_deleted) {
+                zor_reg_rec_free(entry);
+                continue;
+            }
+            ZOR_ASSERT(!entry->changes_prohibited);
+            entry->snapshot_updated = 0;
+            entry->snapshot_created = 0;
+            zor_reg_rec_info *kind = entry->ds_rec->rec_info;
+            memcpy(zor_reg_entry_snapshot_bits(entry, kind), zor_reg_entry_set_bits(entry, kind),
+                   zor_reg_bit_bytes(entry->ds_rec->field_count));
         }
-        ZOR_ASSERT(!entry->changes_prohibited);
-        entry->snapshot_updated = 0;
-        entry->snapshot_created = 0;
-        zor_reg_rec_info *kind = entry->ds_rec->rec_info;
-        memcpy(zor_reg_entry_snapshot_bits(entry, kind), zor_reg_entry_set_bits(entry, kind),
-               zor_reg_bit_bytes(entry->ds_rec->field_count));
-    }
     zor_partition_destroy(&ds->snapshot_partition);
     ds->snapshot_active = 0;
 }
@@ -737,10 +737,9 @@ void zor_reg_restore_snapshot(zor_reg_ds *ds)
 
     zor_partition_bucket *updated = &ds->snapshot_updated_bucket;
     zor_reg_entry *entry;
-    ZOR_PARTITION_BUCKET_FOREACH(updated, entry)
-    entry->changes_prohibited = 0;
-    ZOR_PARTITION_BUCKET_FOREACH(updated, entry)
-    {
+    ZOR_PARTITION_BUCKET_FOREACH (updated, entry)
+        entry->changes_prohibited = 0;
+    ZOR_PARTITION_BUCKET_FOREACH (updated, entry) {
         ZOR_ASSERT(entry->snapshot_updated);
         ZOR_ASSERT(!entry->snapshot_created);
         entry->snapshot_updated = 0;
@@ -753,8 +752,7 @@ void zor_reg_restore_snapshot(zor_reg_ds *ds)
 
     /* Records created since the take leave through their delete-pending flag. */
     zor_partition_bucket *created = &ds->snapshot_created_bucket;
-    ZOR_PARTITION_BUCKET_FOREACH(created, entry)
-    {
+    ZOR_PARTITION_BUCKET_FOREACH (created, entry) {
         ZOR_ASSERT(entry->backup == ZOR_NULL);
         ZOR_ASSERT(!entry->snapshot_updated);
         ZOR_ASSERT(entry->snapshot_created);
@@ -769,8 +767,7 @@ void zor_reg_restore_snapshot(zor_reg_ds *ds)
         }
     }
     zor_reg_process(ds);
-    ZOR_PARTITION_BUCKET_FOREACH(created, entry)
-    {
+    ZOR_PARTITION_BUCKET_FOREACH (created, entry) {
         ZOR_ASSERT(entry->snapshot_created_restore);
         ZOR_ASSERT(entry->snapshot_deleted);
         zor_reg_rec_unlink(entry);
@@ -813,10 +810,7 @@ const void *zor_reg_snapshot_field_get_explicit(const void *rec, zor_reg_field_i
 int zor_reg_snapshot_flag_get(const void *rec, zor_reg_field_info *flag)
 {
     zor_reg_entry *entry = zor_reg_rec_entry(rec, flag->rec_info);
-    const uint8_t *snap_bits = zor_reg_entry_snapshot_bits(entry, flag->rec_info);
-    if (zor_reg_bit_get(snap_bits, flag->id))
-        return 1;
-    return zor_reg_field_default(flag, snap_bits) != nullptr;
+    return zor_reg_flag_in(flag, zor_reg_entry_snapshot_bits(entry, flag->rec_info));
 }
 
 int zor_reg_snapshot_flag_get_explicit(const void *rec, zor_reg_field_info *flag)
