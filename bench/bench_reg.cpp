@@ -43,12 +43,10 @@ namespace
 
 /* ---- the registry setup ---------------------------------------------------- */
 
-const zor_datatype_info int_type = bench::make_type(4);
+using bench::int_type;
 
-struct rec {
-    int value;
-};
-constexpr uint64_t rec_offset = sizeof(zor_reg_entry);
+using bench::rec;
+using bench::rec_offset;
 
 uint64_t notified;
 uint64_t delivered;

@@ -18,13 +18,11 @@
 namespace
 {
 
-const zor_datatype_info int_type = bench::make_type(4);
-const zor_datatype_info flag_type = bench::make_type(0);
+using bench::flag_type;
+using bench::int_type;
 
-struct rec {
-    int value;
-};
-constexpr uint64_t rec_offset = sizeof(zor_reg_entry);
+using bench::rec;
+using bench::rec_offset;
 
 uint64_t delivered;
 

@@ -1,11 +1,13 @@
 /*
- * bench_types.h - the resolved datatypes the registry benchmarks use: a
- * 4-byte int with write and compare, and a flag (size 0).
+ * bench_types.h - what the registry benchmarks share: the resolved datatypes
+ * (a 4-byte int with write and compare, and a flag of size 0) and a record
+ * of one int placed right after the entry header.
  */
 #ifndef ZOR_BENCH_TYPES_H
 #define ZOR_BENCH_TYPES_H
 
 #include "zor_datatype.h"
+#include "zor_reg.h"
 
 namespace bench
 {
@@ -33,6 +35,14 @@ inline zor_datatype_info make_type(uint64_t size)
     info.parent_id = 0xFFFFFFFF;
     return info;
 }
+
+inline const zor_datatype_info int_type = make_type(4);
+inline const zor_datatype_info flag_type = make_type(0);
+
+struct rec {
+    int value;
+};
+constexpr uint64_t rec_offset = sizeof(zor_reg_entry);
 
 } // namespace bench
 
