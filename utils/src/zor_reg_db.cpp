@@ -466,29 +466,23 @@ static void zor_reg_process_pass(zor_reg_level *level, uint32_t iterations)
      * its entries, so the arrays are walked in place instead of following
      * the bucket's chain slot by slot (the order of clearing is free).
      */
-    if (p->bucket_count == 1) {
-        zor_reg_rec_update *reg = static_cast<zor_reg_rec_update *>(p->buckets->data);
+    zor_partition_bucket *b;
+    ZOR_PARTITION_BUCKETS_FOREACH (p, b) {
+        zor_reg_rec_update *reg = static_cast<zor_reg_rec_update *>(b->data);
         uint64_t queued_offset = reg->ds_rec->rec_info->reg_bitfield_offset;
         uint32_t id = reg->id;
         uint8_t *entry;
-        ZOR_PARTITION_ENTRIES_FOREACH (p, entry)
-            zor_reg_bit_clear(entry + queued_offset, id);
-        reg->in_partition = 0;
-    } else {
-        zor_partition_bucket *b;
-        ZOR_PARTITION_BUCKETS_FOREACH (p, b) {
-            zor_reg_rec_update *reg = static_cast<zor_reg_rec_update *>(b->data);
-            uint64_t queued_offset = reg->ds_rec->rec_info->reg_bitfield_offset;
-            uint32_t id = reg->id;
-            uint8_t *entry;
+        if (p->bucket_count == 1) {
+            ZOR_PARTITION_ENTRIES_FOREACH (p, entry)
+                zor_reg_bit_clear(entry + queued_offset, id);
+        } else {
             ZOR_PARTITION_BUCKET_FOREACH (b, entry)
                 zor_reg_bit_clear(entry + queued_offset, id);
-            reg->in_partition = 0;
         }
+        reg->in_partition = 0;
     }
     level->active ^= 1;
 
-    zor_partition_bucket *b;
     ZOR_PARTITION_BUCKETS_FOREACH (p, b) {
         zor_reg_process_reg(static_cast<zor_reg_rec_update *>(b->data), b, iterations);
     }
