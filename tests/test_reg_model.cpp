@@ -12,8 +12,9 @@
  * free callback, which records, resync or not, the deleting split, pass
  * numbers. After every operation the plain and snapshot reads of every
  * live record and the state words of every registration are compared too,
- * and a reference-counted value type checks that backups and restores
- * neither leak nor release twice. Update callbacks fail now and then and
+ * the real side's queued bits are checked against its partitions, and a
+ * reference-counted value type checks that backups and restores neither
+ * leak nor release twice. Update callbacks fail now and then and
  * change records themselves, so failure, recovery through resync and work
  * queued during a pass are exercised.
  *
@@ -23,10 +24,12 @@
  */
 #include "zor_test.h"
 #include "zor_reg.h"
+#include "zor_reg_internal.h"
 
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <functional>
 #include <cstdlib>
 #include <map>
 #include <random>
@@ -226,35 +229,16 @@ Decision decide(uint64_t seed, uint64_t ordinal)
     return d;
 }
 
-/* What both sides can do; each logs its callbacks into `log`. */
-struct Side {
+/*
+ * What both sides share: the callback log and the update callback's
+ * decisions. `S` (Model or Real) provides the operations the driver calls
+ * on both alike.
+ */
+template <class S> struct Side {
     uint64_t seed = 0;
     std::vector<std::string> log;
     uint64_t callbacks = 0;
     int budget = 0; /* changes callbacks may still make in this operation */
-
-    virtual ~Side() {}
-    virtual void add_reg(int kind, uint32_t flags, const std::vector<int> &fields, bool variadic,
-                         int track, int invert) = 0;
-    virtual uint32_t create(int kind) = 0;
-    virtual void field_set(uint32_t id, int f, const int32_t *value) = 0;
-    virtual void flag_set(uint32_t id, int f, int value) = 0;
-    virtual void flag_trigger(uint32_t id, int f) = 0;
-    virtual void enable(int kind, uint32_t reg, int resync) = 0;
-    virtual void resync(int kind, uint32_t reg) = 0;
-    virtual void disable(int kind, uint32_t reg) = 0;
-    virtual void add_create_notifier(int kind, int n, int notify_existing) = 0;
-    virtual void add_delete_notifier(int kind, int n) = 0;
-    virtual void add_field_notifier(int kind, int f, int n) = 0;
-    virtual void remove(uint32_t id) = 0; /* by the caller: deleted, unlink, free */
-    virtual void process() = 0;
-    virtual void take() = 0;
-    virtual void discard() = 0;
-    virtual void restore() = 0;
-    virtual bool snapshot_active() = 0;
-    virtual int kind_of(uint32_t id) = 0;
-    /* Reads of every live record and the state of every registration. */
-    virtual std::string state() = 0;
 
     /* Logs one delivery to the caller's update callback and carries out its decision. */
     bool delivered(int kind, uint32_t reg, int resync, uint32_t count, uint32_t pass,
@@ -266,11 +250,12 @@ struct Side {
         std::vector<uint32_t> all = set;
         all.insert(all.end(), del.begin(), del.end());
         /* A kind without deletion information may not change during a snapshot. */
-        bool allowed = kinds[kind].del >= 0 || !snapshot_active();
+        bool allowed = kinds[kind].del >= 0 || !static_cast<S *>(this)->snapshot_active();
         if (d.change && budget > 0 && !all.empty() && allowed) {
             budget--;
             std::vector<int> vf = value_fields(kind);
-            field_set(all[d.pick % all.size()], vf[d.field % vf.size()], &d.value);
+            static_cast<S *>(this)->field_set(all[d.pick % all.size()], vf[d.field % vf.size()],
+                                              &d.value);
         }
         return !d.fail;
     }
@@ -307,7 +292,7 @@ struct Notifier {
     int n, kind, field;
 };
 
-struct Model : Side {
+struct Model : Side<Model> {
     std::vector<ModelRec> recs;
     std::vector<std::vector<uint32_t>> entries{kinds.size()};
     std::vector<std::vector<ModelReg>> regs{kinds.size()};
@@ -342,13 +327,9 @@ struct Model : Side {
     {
         return kinds[kind].fields[f];
     }
-    bool snapshot_active() override
+    bool snapshot_active()
     {
         return active;
-    }
-    int kind_of(uint32_t id) override
-    {
-        return recs[id].kind;
     }
 
     std::string read(const ModelRec &r, int f, const std::vector<bool> &bits, bool with_default,
@@ -384,7 +365,7 @@ struct Model : Side {
     }
 
     void add_reg(int kind, uint32_t flags, const std::vector<int> &fields, bool, int track,
-                 int invert) override
+                 int invert)
     {
         ModelReg g;
         g.level = (flags & ZOR_REG_LEVEL_2) ? 2 : (flags & ZOR_REG_LEVEL_1) ? 1 : 0;
@@ -467,7 +448,7 @@ struct Model : Side {
             r.snap[f] = v;
     }
 
-    uint32_t create(int kind) override
+    uint32_t create(int kind)
     {
         ModelRec r;
         r.kind = kind;
@@ -492,7 +473,7 @@ struct Model : Side {
         r.val[f] = v;
     }
 
-    void field_set(uint32_t id, int f, const int32_t *value) override
+    void field_set(uint32_t id, int f, const int32_t *value)
     {
         ModelRec &r = recs[id];
         bool is_set = value != nullptr, was = r.set[f];
@@ -518,7 +499,7 @@ struct Model : Side {
             update_bit(recs[id], f, is_set);
     }
 
-    void flag_set(uint32_t id, int f, int value) override
+    void flag_set(uint32_t id, int f, int value)
     {
         if (recs[id].set[f] == (value != 0))
             return;
@@ -528,12 +509,12 @@ struct Model : Side {
         update_bit(recs[id], f, value != 0);
     }
 
-    void flag_trigger(uint32_t id, int f) override
+    void flag_trigger(uint32_t id, int f)
     {
         entry_changed(f, id);
     }
 
-    void enable(int kind, uint32_t id, int resync_too) override
+    void enable(int kind, uint32_t id, int resync_too)
     {
         if (!regs[kind][id].enabled) {
             regs[kind][id].enable_pending = true;
@@ -543,19 +524,19 @@ struct Model : Side {
             resync(kind, id);
     }
 
-    void resync(int kind, uint32_t id) override
+    void resync(int kind, uint32_t id)
     {
         regs[kind][id].resync = true;
         queue_reg(kind, id);
     }
 
-    void disable(int kind, uint32_t id) override
+    void disable(int kind, uint32_t id)
     {
         ModelReg &g = regs[kind][id];
         g.enable_pending = g.resync = g.failed = g.enabled = false;
     }
 
-    void add_create_notifier(int kind, int n, int notify_existing) override
+    void add_create_notifier(int kind, int n, int notify_existing)
     {
         create_n.push_back({n, kind, -1});
         if (notify_existing)
@@ -563,12 +544,12 @@ struct Model : Side {
                 log.push_back(fmt("C%d rec=%u", n, id));
     }
 
-    void add_delete_notifier(int kind, int n) override
+    void add_delete_notifier(int kind, int n)
     {
         delete_n.push_back({n, kind, -1});
     }
 
-    void add_field_notifier(int kind, int f, int n) override
+    void add_field_notifier(int kind, int f, int n)
     {
         field_n.push_back({n, kind, f});
     }
@@ -594,7 +575,7 @@ struct Model : Side {
         }
     }
 
-    void remove(uint32_t id) override
+    void remove(uint32_t id)
     {
         deleted(id);
         unlink_and_free(id);
@@ -666,7 +647,7 @@ struct Model : Side {
         regs[kind][id].resync = false;
     }
 
-    void process() override
+    void process()
     {
         last_deliveries = 0;
         for (uint32_t pass = 1;; pass++) {
@@ -695,13 +676,13 @@ struct Model : Side {
         }
     }
 
-    void take() override
+    void take()
     {
         process();
         active = true;
     }
 
-    void discard() override
+    void discard()
     {
         process();
         std::vector<uint32_t> order = updated_list;
@@ -726,7 +707,7 @@ struct Model : Side {
         active = false;
     }
 
-    void restore() override
+    void restore()
     {
         process();
         active = false;
@@ -803,7 +784,7 @@ struct Model : Side {
         return fmt("%d %d %d", n[1], n[2], n[3]);
     }
 
-    std::string state() override
+    std::string state()
     {
         std::string s;
         for (size_t k = 0; k < kinds.size(); k++) {
@@ -837,7 +818,7 @@ struct Model : Side {
 struct Real;
 Real *real_side; /* the registry's callbacks find their side here */
 
-struct Real : Side {
+struct Real : Side<Real> {
     zor_reg_db db;
     zor_reg_ds *ds = nullptr;
     std::vector<zor_reg_rec_info *> infos;
@@ -877,7 +858,7 @@ struct Real : Side {
                 regs[k].push_back(ds->recs[k].rmv_reg);
     }
 
-    ~Real() override
+    ~Real()
     {
         zor_reg_ds_destroy(ds);
         zor_reg_db_destroy(&db);
@@ -893,13 +874,9 @@ struct Real : Side {
     {
         return static_cast<Rec *>(zor_reg_rec(e))->id;
     }
-    bool snapshot_active() override
+    bool snapshot_active()
     {
         return ds->snapshot_active != 0;
-    }
-    int kind_of(uint32_t id) override
-    {
-        return kinds_of[id];
     }
 
     int field_index(int kind, const zor_reg_field_info *field)
@@ -945,7 +922,7 @@ struct Real : Side {
                          void *ctx);
 
     void add_reg(int kind, uint32_t flags, const std::vector<int> &fl, bool variadic, int track,
-                 int invert) override
+                 int invert)
     {
         void *ctx =
             reinterpret_cast<void *>(static_cast<intptr_t>(kind * 1000 + regs[kind].size()));
@@ -966,7 +943,7 @@ struct Real : Side {
         regs[kind].push_back(r);
     }
 
-    uint32_t create(int kind) override
+    uint32_t create(int kind)
     {
         uint32_t id = static_cast<uint32_t>(blocks.size());
         auto *e = static_cast<zor_reg_entry *>(util_calloc(zor_reg_rec_size(ds, infos[kind])));
@@ -978,27 +955,27 @@ struct Real : Side {
         return id;
     }
 
-    void field_set(uint32_t id, int f, const int32_t *value) override
+    void field_set(uint32_t id, int f, const int32_t *value)
     {
         zor_reg_field_set(rec(id), fields[kinds_of[id]][f], value);
     }
-    void flag_set(uint32_t id, int f, int value) override
+    void flag_set(uint32_t id, int f, int value)
     {
         zor_reg_flag_set(rec(id), fields[kinds_of[id]][f], value);
     }
-    void flag_trigger(uint32_t id, int f) override
+    void flag_trigger(uint32_t id, int f)
     {
         zor_reg_flag_trigger(rec(id), fields[kinds_of[id]][f]);
     }
-    void enable(int kind, uint32_t r, int resync_too) override
+    void enable(int kind, uint32_t r, int resync_too)
     {
         zor_reg_enable(regs[kind][r], resync_too);
     }
-    void resync(int kind, uint32_t r) override
+    void resync(int kind, uint32_t r)
     {
         zor_reg_resync(regs[kind][r]);
     }
-    void disable(int kind, uint32_t r) override
+    void disable(int kind, uint32_t r)
     {
         zor_reg_disable(regs[kind][r]);
     }
@@ -1008,20 +985,20 @@ struct Real : Side {
         return reinterpret_cast<void *>(static_cast<intptr_t>(n));
     }
 
-    void add_create_notifier(int kind, int n, int notify_existing) override
+    void add_create_notifier(int kind, int n, int notify_existing)
     {
         zor_register_rec_create(ds, infos[kind], create_cb, notifier_ctx(n), notify_existing);
     }
-    void add_delete_notifier(int kind, int n) override
+    void add_delete_notifier(int kind, int n)
     {
         zor_register_rec_delete(ds, infos[kind], delete_cb, notifier_ctx(n));
     }
-    void add_field_notifier(int kind, int f, int n) override
+    void add_field_notifier(int kind, int f, int n)
     {
         zor_register_field_update(ds, fields[kind][f], field_cb, notifier_ctx(n));
     }
 
-    void remove(uint32_t id) override
+    void remove(uint32_t id)
     {
         zor_reg_entry *e = blocks[id];
         zor_reg_rec_deleted(e);
@@ -1033,25 +1010,62 @@ struct Real : Side {
         }
     }
 
-    void process() override
+    void process()
     {
         zor_reg_process(ds);
         EXPECT_EQ(zor_reg_in_cb_processing, 0u);
     }
-    void take() override
+    void take()
     {
         zor_reg_take_snapshot(ds);
     }
-    void discard() override
+    void discard()
     {
         zor_reg_discard_snapshot(ds);
     }
-    void restore() override
+    void restore()
     {
         zor_reg_restore_snapshot(ds);
     }
 
-    std::string state() override
+    /*
+     * The queueing invariant: an entry's queued bit for a registration is
+     * set exactly when the entry is in the registration's bucket of its
+     * level's active partition, and that bucket is chained into the
+     * partition exactly when `in_partition` is set.
+     */
+    std::string queue_problem()
+    {
+        for (size_t k = 0; k < kinds.size(); k++)
+            for (zor_reg_rec_update *r : regs[k]) {
+                zor_reg_level *l = &ds->levels[r->level];
+                zor_partition_bucket *mine = &r->buckets[l->active], *b;
+                bool chained = false;
+                ZOR_PARTITION_BUCKETS_FOREACH (&l->parts[l->active], b)
+                    chained |= b == mine;
+                if (chained != (r->in_partition != 0))
+                    return fmt("reg %zu/%u: bucket chained %d, in_partition %u", k, r->id, chained,
+                               r->in_partition);
+                std::set<uint32_t> in_bucket;
+                zor_reg_entry *e;
+                if (chained)
+                    ZOR_PARTITION_BUCKET_FOREACH (mine, e)
+                        if (!in_bucket.insert(id_of(e)).second)
+                            return fmt("reg %zu/%u: rec %u twice in its bucket", k, r->id,
+                                       id_of(e));
+                for (uint32_t id = 0; id < blocks.size(); id++) {
+                    bool queued =
+                        blocks[id] != nullptr && kinds_of[id] == static_cast<int>(k) &&
+                        zor_reg_bit_get(zor_reg_entry_queued_bits(blocks[id], infos[k]), r->id);
+                    if (queued != (in_bucket.count(id) != 0))
+                        return fmt("reg %zu/%u: rec %u queued bit %d, in its bucket %d", k, r->id,
+                                   id, queued, !queued);
+                }
+            }
+        return "";
+    }
+
+    std::string state()
     {
         std::string s;
         for (size_t k = 0; k < kinds.size(); k++) {
@@ -1172,38 +1186,48 @@ std::string run_sequence(uint64_t seed)
     Model model;
     Real real;
     real_side = &real;
-    Side *sides[2] = {&model, &real};
-    for (Side *s : sides)
-        s->seed = seed;
+    model.seed = real.seed = seed;
+    /* Applies one operation to both sides alike. */
+    auto both = [&](auto &&op) {
+        op(model);
+        op(real);
+    };
 
-    std::vector<size_t> seen(2, 0);
-    auto compare = [&](const std::string &op, bool processed) -> std::string {
+    /*
+     * Everything compared after an operation: the callback logs, the reads
+     * and registration states, the real side's queueing invariant, the
+     * deliveries of a processing call, the reference counts (none left at
+     * the end).
+     */
+    size_t seen = 0;
+    auto compare = [&](const std::string &op, bool processed, bool last) -> std::string {
         std::string problem;
+        std::string real_refs = fmt("%d %d %d", refs[1], refs[2], refs[3]);
         if (model.log != real.log || model.state() != real.state())
             problem = "logs or state";
+        else if (!(problem = real.queue_problem()).empty())
+            problem = "queueing: " + problem;
         else if (processed && zor_reg_cb_trace_count != model.last_deliveries)
             problem =
                 fmt("trace count %u, model %u", zor_reg_cb_trace_count, model.last_deliveries);
         else if (refs_broken)
             problem = "a reference was released twice";
-        else if (model.expected_refs() != fmt("%d %d %d", refs[1], refs[2], refs[3]))
-            problem = "references (model " + model.expected_refs() +
-                      fmt(", real %d %d %d)", refs[1], refs[2], refs[3]);
-        if (!problem.empty()) {
-            std::string out = fmt("seed %llu: %s differ after: %s\n", (unsigned long long)seed,
-                                  problem.c_str(), op.c_str());
-            size_t n = std::max(model.log.size(), real.log.size());
-            size_t from = std::min(seen[0], seen[1]);
-            for (size_t i = from; i < n && i < from + 60; i++)
-                out += fmt("  model: %-70s real: %s\n",
-                           i < model.log.size() ? model.log[i].c_str() : "",
-                           i < real.log.size() ? real.log[i].c_str() : "");
-            out += "model state:\n" + model.state() + "real state:\n" + real.state();
-            return out;
+        else if (model.expected_refs() != real_refs)
+            problem = "references (model " + model.expected_refs() + ", real " + real_refs + ")";
+        else if (last && real_refs != "0 0 0")
+            problem = "references kept after every record is gone: " + real_refs;
+        if (problem.empty()) {
+            seen = std::min(model.log.size(), real.log.size());
+            return "";
         }
-        seen[0] = model.log.size();
-        seen[1] = real.log.size();
-        return "";
+        std::string out = fmt("seed %llu: %s, after: %s\n", (unsigned long long)seed,
+                              problem.c_str(), op.c_str());
+        size_t n = std::max(model.log.size(), real.log.size());
+        for (size_t i = seen; i < n && i < seen + 60; i++)
+            out +=
+                fmt("  model: %-70s real: %s\n", i < model.log.size() ? model.log[i].c_str() : "",
+                    i < real.log.size() ? real.log[i].c_str() : "");
+        return out + "model state:\n" + model.state() + "real state:\n" + real.state();
     };
 
     /*
@@ -1212,6 +1236,7 @@ std::string run_sequence(uint64_t seed)
      * level-2 registrations of the caller.
      */
     for (size_t k = 0; k < kinds.size(); k++) {
+        int kind = static_cast<int>(k);
         size_t count = 1 + pick(4);
         for (size_t g = 0; g < count + (kinds[k].track >= 0 ? 1 : 0); g++) {
             bool track = g == count;
@@ -1225,14 +1250,13 @@ std::string run_sequence(uint64_t seed)
             std::shuffle(fl.begin(), fl.end(), rng);
             bool variadic = pick(2) == 0;
             int invert = static_cast<int>(pick(2));
-            for (Side *s : sides)
-                s->add_reg(static_cast<int>(k), flags, fl, variadic, track ? kinds[k].track : -1,
-                           invert);
+            both([&](auto &s) {
+                s.add_reg(kind, flags, fl, variadic, track ? kinds[k].track : -1, invert);
+            });
             if (pick(4) != 0) {
                 int resync = static_cast<int>(pick(2));
                 uint32_t id = static_cast<uint32_t>(model.regs[k].size() - 1);
-                for (Side *s : sides)
-                    s->enable(static_cast<int>(k), id, resync);
+                both([&](auto &s) { s.enable(kind, id, resync); });
             }
         }
     }
@@ -1241,181 +1265,190 @@ std::string run_sequence(uint64_t seed)
      * registrations become active at the first pass, and a deletion queued
      * before it would be dropped by that pass.
      */
-    for (Side *s : sides)
-        s->process();
-    std::string diff = compare("registration and first processing", true);
+    both([](auto &s) { s.process(); });
+    std::string diff = compare("registration and first processing", true, false);
     if (!diff.empty())
         return diff;
 
+    /* Picks for the operations: a live record, one that may change now, a flag of it. */
     auto live = [&]() {
         std::vector<uint32_t> ids;
         for (size_t k = 0; k < kinds.size(); k++)
             ids.insert(ids.end(), model.entries[k].begin(), model.entries[k].end());
         return ids;
     };
-
-    int notifiers = 0;
-    size_t ops = 40 + pick(200);
-    for (size_t op = 0; op <= ops; op++) {
-        for (Side *s : sides)
-            s->budget = 6;
+    auto any_rec = [&]() {
         std::vector<uint32_t> ids = live();
-        size_t what = op == ops ? 999 : pick(100);
-        std::string text;
-        bool processed = false;
-        /* A kind without deletion information is left alone during a snapshot. */
-        auto changeable = [&](uint32_t id) {
-            return kinds[model.recs[id].kind].del >= 0 || !model.active;
-        };
-        if (what == 999) {
-            /* The end: close the snapshot, delete every record, and count references. */
-            if (model.active)
-                for (Side *s : sides)
-                    s->discard();
-            for (uint32_t id : live()) {
-                int k = model.recs[id].kind;
-                if (kinds[k].del >= 0 && !model.recs[id].set[kinds[k].del])
-                    for (Side *s : sides)
-                        s->flag_set(id, kinds[k].del, 1);
-            }
-            for (Side *s : sides)
-                s->process();
-            for (uint32_t id : std::vector<uint32_t>(model.entries[2]))
-                for (Side *s : sides)
-                    s->remove(id);
-            text = "final removal";
-            processed = true;
-        } else if (what < 14 || ids.empty()) {
-            int k = static_cast<int>(pick(kinds.size()));
-            if (kinds[k].del < 0 && model.active)
-                k = 0;
-            uint32_t id = 0;
-            for (Side *s : sides)
-                id = s->create(k);
-            text = fmt("create kind %d -> %u", k, id);
-        } else if (what < 48) {
-            uint32_t id = ids[pick(ids.size())];
-            if (!changeable(id))
-                continue;
-            int k = model.recs[id].kind;
-            std::vector<int> vf = value_fields(k);
-            int f = vf[pick(vf.size())];
-            int32_t v = static_cast<int32_t>(pick(4));
-            bool unset = pick(4) == 0;
-            for (Side *s : sides)
-                s->field_set(id, f, unset ? nullptr : &v);
-            text = fmt("set rec %u field %d to %s", id, f, unset ? "-" : std::to_string(v).c_str());
-        } else if (what < 62) {
-            uint32_t id = ids[pick(ids.size())];
-            if (!changeable(id))
-                continue;
-            int k = model.recs[id].kind;
-            std::vector<int> flags;
-            for (size_t f = 0; f < kinds[k].fields.size(); f++)
-                if (kinds[k].fields[f].flag && static_cast<int>(f) != kinds[k].del)
-                    flags.push_back(static_cast<int>(f));
-            int f = flags[pick(flags.size())];
-            if (what < 58) {
-                int v = static_cast<int>(pick(2));
-                for (Side *s : sides)
-                    s->flag_set(id, f, v);
-                text = fmt("flag rec %u field %d to %d", id, f, v);
-            } else {
-                for (Side *s : sides)
-                    s->flag_trigger(id, f);
-                text = fmt("trigger rec %u field %d", id, f);
-            }
-        } else if (what < 68) {
-            uint32_t id = ids[pick(ids.size())];
-            int k = model.recs[id].kind;
-            if (kinds[k].del < 0 || model.recs[id].set[kinds[k].del])
-                continue;
-            for (Side *s : sides)
-                s->flag_set(id, kinds[k].del, 1);
-            text = fmt("delete rec %u", id);
-        } else if (what < 78) {
-            for (Side *s : sides)
-                s->process();
-            text = "process";
-            processed = true;
-        } else if (what < 84) {
-            int k = static_cast<int>(pick(kinds.size()));
-            uint32_t g = static_cast<uint32_t>(pick(model.regs[k].size()));
-            if (model.regs[k][g].removal)
-                continue;
-            size_t how = pick(4);
-            for (Side *s : sides) {
-                if (how == 0)
-                    s->enable(k, g, 0);
-                else if (how == 1)
-                    s->enable(k, g, 1);
-                else if (how == 2)
-                    s->resync(k, g);
-                else
-                    s->disable(k, g);
-            }
-            text = fmt("registration %d/%u: %s", k, g,
-                       how == 0   ? "enable"
-                       : how == 1 ? "enable+resync"
-                       : how == 2 ? "resync"
-                                  : "disable");
-        } else if (what < 88) {
-            int k = static_cast<int>(pick(kinds.size()));
-            size_t how = pick(3);
-            int n = ++notifiers;
-            if (how == 0) {
-                int existing = static_cast<int>(pick(2));
-                for (Side *s : sides)
-                    s->add_create_notifier(k, n, existing);
-            } else if (how == 1) {
-                for (Side *s : sides)
-                    s->add_delete_notifier(k, n);
-            } else {
-                int f = static_cast<int>(pick(kinds[k].fields.size()));
-                for (Side *s : sides)
-                    s->add_field_notifier(k, f, n);
-            }
-            text = fmt("notifier %d on kind %d (%zu)", n, k, how);
-        } else if (what < 96) {
-            size_t how = pick(3);
-            if (!model.active) {
-                for (Side *s : sides)
-                    s->take();
-                text = "take snapshot";
-            } else if (how == 0) {
-                for (Side *s : sides)
-                    s->discard();
-                text = "discard snapshot";
-            } else {
-                for (Side *s : sides)
-                    s->restore();
-                text = "restore snapshot";
-            }
-            processed = true;
-        } else {
-            /* Removal by the caller, for the kind without deletion information. */
-            if (model.active || model.entries[2].empty())
-                continue;
-            for (Side *s : sides)
-                s->process();
-            uint32_t id = model.entries[2][pick(model.entries[2].size())];
-            for (Side *s : sides)
-                s->remove(id);
-            text = fmt("process, remove rec %u", id);
-            processed = true;
-        }
+        return ids[pick(ids.size())];
+    };
+    /* A kind without deletion information is left alone during a snapshot. */
+    auto changeable = [&](uint32_t id) {
+        return kinds[model.recs[id].kind].del >= 0 || !model.active;
+    };
+    auto any_flag = [&](int k) {
+        std::vector<int> flags;
+        for (size_t f = 0; f < kinds[k].fields.size(); f++)
+            if (kinds[k].fields[f].flag && static_cast<int>(f) != kinds[k].del)
+                flags.push_back(static_cast<int>(f));
+        return flags[pick(flags.size())];
+    };
+    int notifiers = 0;
+
+    /*
+     * The operations with their weights. Each returns what it did, or an
+     * empty text when it did not apply; `processing` ones are followed by
+     * a comparison of the delivery count as well.
+     */
+    struct Op {
+        int weight;
+        bool processing;
+        std::function<std::string()> run;
+    };
+    const std::vector<Op> ops = {
+        {14, false,
+         [&]() {
+             int k = static_cast<int>(pick(kinds.size()));
+             if (kinds[k].del < 0 && model.active)
+                 k = 0;
+             uint32_t id = 0;
+             both([&](auto &s) { id = s.create(k); });
+             return fmt("create kind %d -> %u", k, id);
+         }},
+        {34, false,
+         [&]() -> std::string {
+             uint32_t id = any_rec();
+             if (!changeable(id))
+                 return "";
+             std::vector<int> vf = value_fields(model.recs[id].kind);
+             int f = vf[pick(vf.size())];
+             int32_t v = static_cast<int32_t>(pick(4));
+             bool unset = pick(4) == 0;
+             both([&](auto &s) { s.field_set(id, f, unset ? nullptr : &v); });
+             return fmt("set rec %u field %d to %s", id, f,
+                        unset ? "-" : std::to_string(v).c_str());
+         }},
+        {10, false,
+         [&]() -> std::string {
+             uint32_t id = any_rec();
+             if (!changeable(id))
+                 return "";
+             int f = any_flag(model.recs[id].kind), v = static_cast<int>(pick(2));
+             both([&](auto &s) { s.flag_set(id, f, v); });
+             return fmt("flag rec %u field %d to %d", id, f, v);
+         }},
+        {4, false,
+         [&]() -> std::string {
+             uint32_t id = any_rec();
+             if (!changeable(id))
+                 return "";
+             int f = any_flag(model.recs[id].kind);
+             both([&](auto &s) { s.flag_trigger(id, f); });
+             return fmt("trigger rec %u field %d", id, f);
+         }},
+        {6, false,
+         [&]() -> std::string {
+             uint32_t id = any_rec();
+             int k = model.recs[id].kind;
+             if (kinds[k].del < 0 || model.recs[id].set[kinds[k].del])
+                 return "";
+             both([&](auto &s) { s.flag_set(id, kinds[k].del, 1); });
+             return fmt("delete rec %u", id);
+         }},
+        {10, true,
+         [&]() {
+             both([](auto &s) { s.process(); });
+             return std::string("process");
+         }},
+        {6, false,
+         [&]() -> std::string {
+             int k = static_cast<int>(pick(kinds.size()));
+             uint32_t g = static_cast<uint32_t>(pick(model.regs[k].size()));
+             if (model.regs[k][g].removal)
+                 return "";
+             static const char *const names[] = {"enable", "enable+resync", "resync", "disable"};
+             size_t how = pick(4);
+             both([&](auto &s) {
+                 if (how < 2)
+                     s.enable(k, g, static_cast<int>(how));
+                 else if (how == 2)
+                     s.resync(k, g);
+                 else
+                     s.disable(k, g);
+             });
+             return fmt("registration %d/%u: %s", k, g, names[how]);
+         }},
+        {4, false,
+         [&]() {
+             int k = static_cast<int>(pick(kinds.size()));
+             size_t how = pick(3);
+             int n = ++notifiers, existing = static_cast<int>(pick(2));
+             int f = static_cast<int>(pick(kinds[k].fields.size()));
+             both([&](auto &s) {
+                 if (how == 0)
+                     s.add_create_notifier(k, n, existing);
+                 else if (how == 1)
+                     s.add_delete_notifier(k, n);
+                 else
+                     s.add_field_notifier(k, f, n);
+             });
+             return fmt("notifier %d on kind %d (%zu)", n, k, how);
+         }},
+        {8, true,
+         [&]() {
+             bool discard = pick(3) == 0;
+             if (!model.active) {
+                 both([](auto &s) { s.take(); });
+                 return std::string("take snapshot");
+             }
+             both([&](auto &s) { discard ? s.discard() : s.restore(); });
+             return std::string(discard ? "discard snapshot" : "restore snapshot");
+         }},
+        /* Removal by the caller, for the kind without deletion information. */
+        {4, true,
+         [&]() -> std::string {
+             if (model.active || model.entries[2].empty())
+                 return "";
+             both([](auto &s) { s.process(); });
+             uint32_t id = model.entries[2][pick(model.entries[2].size())];
+             both([&](auto &s) { s.remove(id); });
+             return fmt("process, remove rec %u", id);
+         }},
+    };
+    int total = 0;
+    for (const Op &o : ops)
+        total += o.weight;
+
+    size_t count = 40 + pick(200);
+    for (size_t n = 0; n < count; n++) {
+        both([](auto &s) { s.budget = 6; });
+        int w = static_cast<int>(pick(static_cast<size_t>(total)));
+        size_t o = 0; /* with no record to change, the first: create */
+        while (!live().empty() && w >= ops[o].weight)
+            w -= ops[o++].weight;
+        std::string text = ops[o].run();
+        if (text.empty())
+            continue;
         if (getenv("ZOR_MODEL_TRACE")) /* prints each operation, for finding a difference */
-            fprintf(stderr, "op %zu: %s\n", op, text.c_str());
-        diff = compare(text, processed);
-        if (!diff.empty())
+            fprintf(stderr, "op %zu: %s\n", n, text.c_str());
+        if (!(diff = compare(text, ops[o].processing, false)).empty())
             return diff;
     }
-    for (int v = 1; v < 4; v++)
-        if (refs[v] != 0)
-            return fmt("seed %llu: value %d keeps %d references after every record is gone",
-                       (unsigned long long)seed, v, refs[v]);
+
+    /* The end: close the snapshot, delete every record, and count references. */
+    both([](auto &s) { s.budget = 6; });
+    if (model.active)
+        both([](auto &s) { s.discard(); });
+    for (uint32_t id : live()) {
+        int k = model.recs[id].kind;
+        if (kinds[k].del >= 0 && !model.recs[id].set[kinds[k].del])
+            both([&](auto &s) { s.flag_set(id, kinds[k].del, 1); });
+    }
+    both([](auto &s) { s.process(); });
+    for (uint32_t id : std::vector<uint32_t>(model.entries[2]))
+        both([&](auto &s) { s.remove(id); });
+    diff = compare("final removal", true, true);
     real_side = nullptr;
-    return "";
+    return diff;
 }
 
 uint64_t first_seed = 1;
