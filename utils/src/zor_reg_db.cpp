@@ -507,7 +507,7 @@ void zor_reg_process(zor_reg_ds *ds)
             break;
         zor_reg_process_pass(level, iterations);
         iterations++;
-        /* The assertion text fixes the bound: at most 99 passes per call. */
+        /* The assertion text fixes the bound: 98 passes return, the 99th stops here. */
         ZOR_ASSERT(iterations < 100);
     }
     zor_reg_in_cb_processing = 0;
