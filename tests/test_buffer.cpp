@@ -1,7 +1,7 @@
 /* Output buffer: block allocation, consumption, output, flatten; pk_write. */
 #include "zor_test.h"
 #include "zor_buffer.h"
-#include "zor_platform.h"
+#include "zor_buffer_internal.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -111,6 +111,28 @@ TEST_F(Buffer, LastBytesOfRoom)
     zor_write(&b, nullptr, 0);
     EXPECT_EQ(block_sizes(b).back(), 5001u);
     EXPECT_EQ(b.size, 1023u + 1023 + 2 + 5000);
+}
+
+/* The formatter-free append reports success and places texts exactly as zor_printf("%s%s")
+ * would, at every fill of the last block, around the room left for the terminating 0. */
+TEST_F(Buffer, PrintTextsMatchesPrintfAtEveryFill)
+{
+    zor_buffer_set_default_size(8);
+    for (size_t fill = 0; fill < 12; fill++) {
+        for (size_t len = 0; len < 20; len++) {
+            std::string head(fill, 'h'), a(len / 2, 'a'), c(len - len / 2, 'c');
+            zor_buffer ref = {};
+            zor_write(&ref, head.data(), head.size());
+            zor_printf(&ref, "%s%s", a.c_str(), c.c_str());
+            zor_write(&b, head.data(), head.size());
+            zor_str parts[2] = {zor_str_init(a.c_str()), zor_str_init(c.c_str())};
+            EXPECT_EQ(zor_buffer_print_texts(&b, parts, 2), 1);
+            EXPECT_EQ(block_sizes(b), block_sizes(ref)) << fill << " " << len;
+            EXPECT_EQ(chunks(b), chunks(ref)) << fill << " " << len;
+            zor_buffer_free(&ref);
+            zor_buffer_free(&b);
+        }
+    }
 }
 
 TEST_F(Buffer, ConsumeAcrossBlocks)
