@@ -1,46 +1,30 @@
 /*
- * Reference-model test of the registry.
- *
- * A deliberately simple model of the registry's contract, written with
- * plain C++ containers, runs beside the real registry. Seeded random
- * sequences of operations (creating records, setting fields and flags,
- * triggering, enabling, resyncing and disabling update registrations,
- * adding notifiers, deleting records through their delete-pending flag or
- * by hand, taking, discarding and restoring snapshots, processing) are
- * applied to both, and every callback the two sides make is logged in one
- * format and compared in order: which notifier, registration, unlink or
- * free callback, which records, resync or not, the deleting split, pass
- * numbers. After every operation the plain and snapshot reads of every
- * live record and the state words of every registration are compared too,
- * the real side's queued bits are checked against its partitions, and a
- * reference-counted value type checks that backups and restores neither
- * leak nor release twice. Update callbacks fail now and then and
- * change records themselves, so failure, recovery through resync and work
- * queued during a pass are exercised.
- *
- * CTest runs a few thousand seeds (fewer under the sanitizers; the
- * ZOR_MODEL_COUNT environment variable sets the number). By hand:
- *     test_reg_model --seed S --count N      (N sequences from seed S)
+ * The registry against a reference model of its contract, written with plain
+ * containers. Seeded random sequences of operations (records, fields, flags,
+ * triggers, registrations, notifiers, deletions, snapshots, processing) run on
+ * both; every callback is logged in one format and the logs are compared in
+ * order, and after each step the reads, the registration states, the queueing
+ * invariant and the references held by a counted value type. Update callbacks
+ * fail now and then and change records themselves.
+ * CTest runs ZOR_MODEL_COUNT seeds; by hand: test_reg_model --seed S --count N
  */
 #include "zor_test.h"
 #include "zor_reg.h"
 #include "zor_reg_internal.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdarg>
-#include <cstdio>
 #include <functional>
-#include <cstdlib>
 #include <map>
 #include <random>
 #include <set>
-#include <string>
-#include <vector>
 
 namespace
 {
 
-/* ---- value types ------------------------------------------------------------ */
+int refs[4];      /* references held on counted values 1 to 3 */
+bool refs_broken; /* a count went below zero: a double release */
 
 void int_write(void *dst, const void *src, const zor_datatype_info *)
 {
@@ -53,16 +37,9 @@ int int_cmp(const void *a, const void *b, const zor_datatype_info *)
     return x < y ? -1 : x > y;
 }
 
-/*
- * A value type that holds references: values 1 to 3 name entries of a
- * reference table, 0 holds nothing. Write takes a reference, free drops
- * one; a count below zero is a double release.
- */
-int refs[4];
-bool refs_broken;
-
-void counted_release(int32_t *v)
+void counted_free(void *value, const zor_datatype_info *, const zor_reg_field_info *)
 {
+    int32_t *v = static_cast<int32_t *>(value);
     if (*v != 0 && --refs[*v] < 0)
         refs_broken = true;
     *v = 0;
@@ -71,111 +48,90 @@ void counted_release(int32_t *v)
 void counted_write(void *dst, const void *src, const zor_datatype_info *)
 {
     int32_t *d = static_cast<int32_t *>(dst);
-    counted_release(d);
+    counted_free(d, nullptr, nullptr);
     if (src != nullptr && (*d = *static_cast<const int32_t *>(src)) != 0)
         refs[*d]++;
 }
 
-void counted_free(void *value, const zor_datatype_info *, const zor_reg_field_info *)
-{
-    counted_release(static_cast<int32_t *>(value));
-}
-
-zor_datatype_info make_type(uint64_t size, uint32_t props)
+zor_datatype_info make_type(uint64_t size, uint32_t props, bool counted = false)
 {
     zor_datatype_info t = {};
     t.size = size;
     t.properties = ZOR_DATATYPE_PROP_FLATTENED | props;
-    if (size != 0) {
-        t.write = int_write;
-        t.copy = int_write;
-        t.cmp_eq = int_cmp;
-        t.cmp = int_cmp;
-    }
+    t.write = size == 0 ? nullptr : counted ? counted_write : int_write;
+    t.copy = size == 0 ? nullptr : int_write;
+    t.cmp_eq = t.cmp = size == 0 ? nullptr : int_cmp;
+    t.free = counted ? counted_free : nullptr;
     return t;
 }
 
-zor_datatype_info make_counted()
-{
-    zor_datatype_info t = make_type(4, 0);
-    t.write = counted_write;
-    t.free = counted_free;
-    return t;
-}
-
-const zor_datatype_info int_type = make_type(4, 0);
-const zor_datatype_info transient_type = make_type(4, ZOR_DATATYPE_PROP_RESET_ON_UNSET);
-const zor_datatype_info no_restore_type = make_type(4, ZOR_DATATYPE_PROP_NO_RESTORE);
-const zor_datatype_info counted_type = make_counted();
-const zor_datatype_info flag_type = make_type(0, 0);
-
-/* ---- the schema both sides share ------------------------------------------------- */
-
-/* The caller's record: the model's id and value slots. */
-struct Rec {
-    uint32_t id;
-    int32_t v[10];
-};
+const uint32_t RESET = ZOR_DATATYPE_PROP_RESET_ON_UNSET, NO_RESTORE = ZOR_DATATYPE_PROP_NO_RESTORE;
+const zor_datatype_info int_t = make_type(4, 0), transient_t = make_type(4, RESET),
+                        kept_t = make_type(4, NO_RESTORE), counted_t = make_type(4, 0, true),
+                        flag_t = make_type(0, 0);
 
 struct FieldDef {
-    bool flag;
     const zor_datatype_info *type;
-    int slot; /* value slot in Rec, -1 for flags */
-    int ctrl; /* id of the control flag (it needs a default), -1 for none */
+    int ctrl; /* the flag that gates the default, -1 for none */
     bool has_default;
 };
 
 struct KindDef {
     std::vector<FieldDef> fields;
-    int del;   /* delete-pending flag, -1 for none */
-    int track; /* flag kept by a tracking registration, -1 for none */
+    int del, track; /* delete-pending flag, flag kept by a tracking registration (-1: none) */
 };
-
-const int32_t default_values[10] = {7, 11, 13, 17, 19, 23, 29, 31, 37, 41};
-const int flag_default_on = 1;
 
 /*
- * Kind 0: two bytes of field bits, defaults, transient, not-restored and
- * reference-counted values, a control-flag chain (a3 -> afl -> afl2), a
- * delete-pending flag and a tracked flag. Kind 1: small, with deletion.
- * Kind 2: no deletion information; its records leave by the caller's hand,
- * and only it has level-2 registrations of the caller (what such a
- * registration receives of a record being removed is not settled).
+ * Kind 0: a0, actl (default on), a1 (default gated by actl), a2 transient, afl
+ * (default gated by afl2), a3 (gated by afl), afl2, a4 counted, a5 transient
+ * (gated by afl2), a6 not restored, adel (delete pending), atrk (tracked), a7
+ * counted. Kind 1: b0, bfl, b1 (gated by bfl), bdel. Kind 2: c0, cfl, c1
+ * counted (gated by cfl), no deletion information: its records leave by the
+ * caller's hand, and only it gets level-2 registrations of the caller.
  */
-const std::vector<KindDef> kinds = {
-    {{
-         {false, &int_type, 0, -1, false},        /* 0 a0 */
-         {true, &flag_type, -1, -1, true},        /* 1 actl: flag, default on */
-         {false, &int_type, 1, 1, true},          /* 2 a1: default gated by actl */
-         {false, &transient_type, 2, -1, true},   /* 3 a2: reset when unset */
-         {true, &flag_type, -1, 6, true},         /* 4 afl: default gated by afl2 */
-         {false, &int_type, 3, 4, true},          /* 5 a3: default gated by afl */
-         {true, &flag_type, -1, -1, false},       /* 6 afl2 */
-         {false, &counted_type, 4, -1, false},    /* 7 a4: holds references */
-         {false, &transient_type, 5, 6, true},    /* 8 a5 */
-         {false, &no_restore_type, 6, -1, false}, /* 9 a6: left alone by restore */
-         {true, &flag_type, -1, -1, false},       /* 10 adel: delete pending */
-         {true, &flag_type, -1, -1, false},       /* 11 atrk: tracked */
-         {false, &counted_type, 7, -1, true},     /* 12 a7 */
-     },
+const int NK = 3;
+const KindDef kinds[NK] = {
+    {{{&int_t, -1, false},
+      {&flag_t, -1, true},
+      {&int_t, 1, true},
+      {&transient_t, -1, true},
+      {&flag_t, 6, true},
+      {&int_t, 4, true},
+      {&flag_t, -1, false},
+      {&counted_t, -1, false},
+      {&transient_t, 6, true},
+      {&kept_t, -1, false},
+      {&flag_t, -1, false},
+      {&flag_t, -1, false},
+      {&counted_t, -1, true}},
      10,
      11},
-    {{
-         {false, &int_type, 0, -1, false},  /* 0 b0 */
-         {true, &flag_type, -1, -1, false}, /* 1 bfl */
-         {false, &int_type, 1, 1, true},    /* 2 b1 */
-         {true, &flag_type, -1, -1, false}, /* 3 bdel */
-     },
-     3,
-     -1},
-    {{
-         {false, &int_type, 0, -1, false},   /* 0 c0 */
-         {true, &flag_type, -1, -1, false},  /* 1 cfl */
-         {false, &counted_type, 1, 1, true}, /* 2 c1 */
-     },
-     -1,
-     -1},
+    {{{&int_t, -1, false}, {&flag_t, -1, false}, {&int_t, 1, true}, {&flag_t, -1, false}}, 3, -1},
+    {{{&int_t, -1, false}, {&flag_t, -1, false}, {&counted_t, 1, true}}, -1, -1},
 };
+const int32_t defaults[13] = {7, 11, 13, 17, 19, 23, 29, 31, 37, 41, 43, 47, 53};
+const int32_t one = 1; /* what sets a flag */
+
+bool is_flag(int k, int f)
+{
+    return kinds[k].fields[f].type == &flag_t;
+}
+
+bool default_on(int k, int f, const std::vector<bool> &bits)
+{
+    const FieldDef &d = kinds[k].fields[f];
+    return d.has_default && (d.ctrl < 0 || bits[d.ctrl]);
+}
+
+/* The value fields of a kind, or its flags other than the delete-pending one. */
+std::vector<int> fields_of(int k, bool flags)
+{
+    std::vector<int> out;
+    for (int f = 0; f < static_cast<int>(kinds[k].fields.size()); f++)
+        if (is_flag(k, f) == flags && f != kinds[k].del)
+            out.push_back(f);
+    return out;
+}
 
 std::string fmt(const char *f, ...) __attribute__((format(printf, 1, 2)));
 std::string fmt(const char *f, ...)
@@ -196,20 +152,7 @@ std::string ids_text(const std::vector<uint32_t> &ids)
     return s + "]";
 }
 
-/* The value fields of a kind, for changes made inside callbacks. */
-std::vector<int> value_fields(int kind)
-{
-    std::vector<int> out;
-    for (size_t f = 0; f < kinds[kind].fields.size(); f++)
-        if (!kinds[kind].fields[f].flag)
-            out.push_back(static_cast<int>(f));
-    return out;
-}
-
-/*
- * Decisions taken inside update callbacks come from the callback's ordinal
- * number, so both sides decide alike as long as they are called alike.
- */
+/* An update callback's decisions come from its ordinal, so both sides decide alike. */
 struct Decision {
     bool fail, change, use_split;
     uint32_t pick, field;
@@ -219,432 +162,287 @@ struct Decision {
 Decision decide(uint64_t seed, uint64_t ordinal)
 {
     std::mt19937_64 r(seed * 0x9E3779B97F4A7C15ull + ordinal * 0xBF58476D1CE4E5B9ull + 1);
-    Decision d;
-    d.fail = r() % 7 == 0;
-    d.change = r() % 4 == 0;
-    d.use_split = r() % 2 == 0;
-    d.pick = static_cast<uint32_t>(r());
-    d.field = static_cast<uint32_t>(r());
-    d.value = static_cast<int32_t>(r() % 4);
-    return d;
+    return {r() % 7 == 0,
+            r() % 4 == 0,
+            r() % 2 == 0,
+            static_cast<uint32_t>(r()),
+            static_cast<uint32_t>(r()),
+            static_cast<int32_t>(r() % 4)};
 }
 
-/*
- * What both sides share: the callback log and the update callback's
- * decisions. `S` (Model or Real) provides the operations the driver calls
- * on both alike.
- */
+/* The callback log and what an update callback does, alike for both sides. */
 template <class S> struct Side {
-    uint64_t seed = 0;
+    uint64_t seed = 0, callbacks = 0;
     std::vector<std::string> log;
-    uint64_t callbacks = 0;
     int budget = 0; /* changes callbacks may still make in this operation */
 
-    /* Logs one delivery to the caller's update callback and carries out its decision. */
-    bool delivered(int kind, uint32_t reg, int resync, uint32_t count, uint32_t pass,
+    bool delivered(int k, uint32_t reg, int resync, size_t count, uint32_t pass, bool snapshot,
                    const std::vector<uint32_t> &set, const std::vector<uint32_t> &del)
     {
         Decision d = decide(seed, callbacks++);
-        log.push_back(fmt("U k=%d r=%u resync=%d count=%u pass=%u set=%s del=%s", kind, reg, resync,
+        log.push_back(fmt("U k=%d r=%u resync=%d count=%zu pass=%u set=%s del=%s", k, reg, resync,
                           count, pass, ids_text(set).c_str(), ids_text(del).c_str()));
         std::vector<uint32_t> all = set;
         all.insert(all.end(), del.begin(), del.end());
+        std::vector<int> vf = fields_of(k, false);
         /* A kind without deletion information may not change during a snapshot. */
-        bool allowed = kinds[kind].del >= 0 || !static_cast<S *>(this)->snapshot_active();
-        if (d.change && budget > 0 && !all.empty() && allowed) {
+        if (d.change && budget > 0 && !all.empty() && (kinds[k].del >= 0 || !snapshot)) {
             budget--;
-            std::vector<int> vf = value_fields(kind);
-            static_cast<S *>(this)->field_set(all[d.pick % all.size()], vf[d.field % vf.size()],
-                                              &d.value);
+            static_cast<S *>(this)->set(all[d.pick % all.size()], vf[d.field % vf.size()],
+                                        &d.value);
         }
         return !d.fail;
     }
 };
 
-/* ---- the model ------------------------------------------------------------------------ */
+/* ---- the model ---------------------------------------------------------------- */
 
-struct ModelReg {
-    uint32_t level = 0;
-    bool follow_ctrl = true;
-    bool removal = false; /* the data store's own removal registration */
-    int track = -1;       /* tracking registration: the flag it keeps */
-    bool invert = false;
+struct MReg {
+    uint32_t level;
+    bool follow_ctrl, removal, invert;
+    int track; /* a tracking registration's flag, else -1 */
     std::vector<bool> watched;
     bool enable_pending = false, resync = false, failed = false, enabled = false;
     bool in_partition = false;
-    std::vector<uint32_t> bucket[2];
+    std::array<std::vector<uint32_t>, 2> bucket = {}; /* queued records, per partition */
 };
 
-struct ModelRec {
+struct MRec {
     int kind;
-    bool live = true; /* in its kind's entries */
-    std::vector<bool> set, snap;
+    std::vector<bool> set, snap; /* set bits, now and in the snapshot */
     std::vector<int32_t> val;
-    std::set<uint32_t> queued;
-    bool prohibited = false, created = false, updated = false, deleted = false,
-         created_restore = false;
-    bool has_backup = false;
-    std::map<int, int32_t> backup;
-    bool freed = false;
+    std::map<int, int32_t> backup = {}; /* values before their first change in the snapshot */
+    bool prohibited = false, created = false, updated = false, deleted = false;
+    bool created_restore = false, freed = false;
 };
 
-struct Notifier {
-    int n, kind, field;
-};
+bool pending(const MRec &r)
+{
+    return kinds[r.kind].del >= 0 && r.set[kinds[r.kind].del];
+}
 
 struct Model : Side<Model> {
-    std::vector<ModelRec> recs;
-    std::vector<std::vector<uint32_t>> entries{kinds.size()};
-    std::vector<std::vector<ModelReg>> regs{kinds.size()};
-    std::vector<std::vector<std::vector<uint32_t>>> watchers;
-    std::vector<std::vector<int>> watched_order{kinds.size()}; /* fields, by first watch */
-    std::vector<Notifier> create_n, delete_n, field_n;
-    struct Level {
-        int active = 0;
-        std::vector<std::pair<int, uint32_t>> parts[2];
-    } levels[3];
-    bool active = false;
+    std::vector<MRec> recs;
+    std::vector<uint32_t> entries[NK], watchers[NK][16];
+    std::vector<MReg> regs[NK];
+    std::vector<int> watched_order[NK];        /* fields, by first watch */
+    std::vector<std::array<int, 4>> notifiers; /* type 'C', 'D' or 'N', number, kind, field */
+    std::vector<std::pair<int, uint32_t>> parts[3][2]; /* queued registrations, by level */
+    int active_part[3] = {0, 0, 0};
+    bool active = false; /* a snapshot is taken */
     std::vector<uint32_t> created_list, updated_list;
     uint32_t last_deliveries = 0; /* callback invocations of the last processing call */
 
     Model()
     {
-        for (size_t k = 0; k < kinds.size(); k++) {
-            watchers.push_back(std::vector<std::vector<uint32_t>>(kinds[k].fields.size()));
-            if (kinds[k].del >= 0) { /* the data store's removal registration, id 0 */
-                ModelReg g;
-                g.level = 2;
-                g.removal = true;
-                g.watched.assign(kinds[k].fields.size(), false);
-                regs[k].push_back(g);
-                add_field(regs[k][0], static_cast<int>(k), 0, kinds[k].del);
-                enable(static_cast<int>(k), 0, 0);
+        for (int k = 0; k < NK; k++)
+            if (kinds[k].del >= 0) /* the data store's removal registration, id 0 */
+                add_reg(k, ZOR_REG_LEVEL_2, {kinds[k].del}, -1, 0, true);
+    }
+
+    /* Read i of a field: 0 get, 1 explicit, 2 snapshot get, 3 snapshot explicit. */
+    std::string read(uint32_t id, int f, int i) const
+    {
+        const MRec &r = recs[id];
+        const std::vector<bool> &bits = i < 2 ? r.set : r.snap;
+        bool dflt = i % 2 == 0 && default_on(r.kind, f, bits);
+        if (is_flag(r.kind, f))
+            return bits[f] || dflt ? "1" : "0";
+        if (bits[f])
+            return std::to_string(i >= 2 && r.backup.count(f) ? r.backup.at(f) : r.val[f]);
+        return dflt ? std::to_string(defaults[f]) : "-";
+    }
+
+    void add_reg(int k, uint32_t flags, const std::vector<int> &fields, int track, int invert,
+                 bool removal = false)
+    {
+        uint32_t level = (flags & ZOR_REG_LEVEL_2) ? 2 : (flags & ZOR_REG_LEVEL_1) ? 1 : 0;
+        uint32_t id = static_cast<uint32_t>(regs[k].size());
+        regs[k].push_back({level, !(flags & ZOR_REG_NO_CTRL_FLAGS), removal, invert != 0, track,
+                           std::vector<bool>(kinds[k].fields.size())});
+        MReg &g = regs[k].back();
+        for (int field : fields) /* the field, and its control flags when followed */
+            for (int f = field; f >= 0; f = g.follow_ctrl ? kinds[k].fields[f].ctrl : -1)
+                if (!g.watched[f]) {
+                    g.watched[f] = true;
+                    if (watchers[k][f].empty())
+                        watched_order[k].push_back(f);
+                    watchers[k][f].push_back(id);
+                }
+        if (removal)
+            reg_op(k, id, 0);
+    }
+
+    void queue_reg(int k, uint32_t id)
+    {
+        MReg &g = regs[k][id];
+        if (!g.in_partition)
+            parts[g.level][active_part[g.level]].push_back({k, id});
+        g.in_partition = true;
+    }
+
+    /* how: 0 enable, 1 enable and resync, 2 resync, 3 disable */
+    void reg_op(int k, uint32_t id, size_t how)
+    {
+        MReg &g = regs[k][id];
+        if (how == 3)
+            g.enable_pending = g.resync = g.failed = g.enabled = false;
+        else if (how > 0 || !g.enabled)
+            queue_reg(k, id);
+        g.enable_pending |= how < 2 && !g.enabled;
+        g.resync |= how == 1 || how == 2;
+    }
+
+    void add_notifier(char type, int k, int f, int n, int existing)
+    {
+        notifiers.push_back({type, n, k, f});
+        for (uint32_t id : entries[k])
+            if (type == 'C' && existing)
+                log.push_back(fmt("C%d rec=%u", n, id));
+    }
+
+    /* Logs a record's create ('C') or delete ('D') notifiers. */
+    void log_rec(char type, uint32_t id)
+    {
+        for (const std::array<int, 4> &n : notifiers)
+            if (n[0] == type && n[2] == recs[id].kind)
+                log.push_back(fmt("%c%d rec=%u", type, n[1], id));
+    }
+
+    void entry_changed(int f, uint32_t id)
+    {
+        const MRec &r = recs[id];
+        EXPECT_FALSE(r.prohibited) << "the driver changed a record under removal";
+        for (uint32_t g : watchers[r.kind][f]) {
+            std::vector<uint32_t> &b = regs[r.kind][g].bucket[active_part[regs[r.kind][g].level]];
+            if (!pending(r) && std::find(b.begin(), b.end(), id) == b.end()) {
+                b.push_back(id);
+                queue_reg(r.kind, g);
             }
         }
     }
 
-    const FieldDef &def(int kind, int f) const
+    void notify(uint32_t id, int f, int is_set, const std::string &value)
     {
-        return kinds[kind].fields[f];
-    }
-    bool snapshot_active()
-    {
-        return active;
-    }
-
-    std::string read(const ModelRec &r, int f, const std::vector<bool> &bits, bool with_default,
-                     const std::map<int, int32_t> *backup) const
-    {
-        const FieldDef &d = def(r.kind, f);
-        bool dflt = with_default && d.has_default && (d.ctrl < 0 || bits[d.ctrl]);
-        if (d.flag)
-            return (bits[f] || dflt) ? "1" : "0";
-        if (bits[f]) {
-            if (backup && backup->count(f))
-                return std::to_string(backup->at(f));
-            return std::to_string(r.val[f]);
-        }
-        return dflt ? std::to_string(default_values[d.slot]) : "-";
+        const MRec &r = recs[id];
+        if (f == kinds[r.kind].del) /* the data store's notifier on it comes first */
+            for (auto it = watched_order[r.kind].rbegin(); it != watched_order[r.kind].rend(); ++it)
+                if (r.set[*it] || default_on(r.kind, *it, r.set))
+                    entry_changed(*it, id);
+        for (const std::array<int, 4> &n : notifiers)
+            if (n[0] == 'N' && n[2] == r.kind && n[3] == f)
+                log.push_back(fmt("N%d rec=%u field=%d is_set=%d value=%s old=%s", n[1], id, f,
+                                  is_set, value.c_str(), read(id, f, 1).c_str()));
     }
 
-    std::string explicit_text(const ModelRec &r, int f) const
-    {
-        return read(r, f, r.set, false, nullptr);
-    }
-
-    void add_field(ModelReg &g, int kind, uint32_t id, int f)
-    {
-        if (!g.watched[f]) {
-            g.watched[f] = true;
-            if (watchers[kind][f].empty())
-                watched_order[kind].push_back(f);
-            watchers[kind][f].push_back(id);
-        }
-        if (g.follow_ctrl && def(kind, f).ctrl >= 0)
-            add_field(g, kind, id, def(kind, f).ctrl);
-    }
-
-    void add_reg(int kind, uint32_t flags, const std::vector<int> &fields, bool, int track,
-                 int invert)
-    {
-        ModelReg g;
-        g.level = (flags & ZOR_REG_LEVEL_2) ? 2 : (flags & ZOR_REG_LEVEL_1) ? 1 : 0;
-        g.follow_ctrl = !(flags & ZOR_REG_NO_CTRL_FLAGS);
-        g.track = track;
-        g.invert = invert != 0;
-        g.watched.assign(kinds[kind].fields.size(), false);
-        regs[kind].push_back(g);
-        uint32_t id = static_cast<uint32_t>(regs[kind].size() - 1);
-        for (int f : fields)
-            add_field(regs[kind][id], kind, id, f);
-    }
-
-    void queue_reg(int kind, uint32_t id)
-    {
-        ModelReg &g = regs[kind][id];
-        Level &l = levels[g.level];
-        if (!g.in_partition) {
-            l.parts[l.active].push_back({kind, id});
-            g.in_partition = true;
-        }
-    }
-
-    bool delete_pending(const ModelRec &r) const
-    {
-        return kinds[r.kind].del >= 0 && r.set[kinds[r.kind].del];
-    }
-
-    void entry_changed(int f, uint32_t rid)
-    {
-        ModelRec &r = recs[rid];
-        EXPECT_FALSE(r.prohibited) << "the driver changed a record under removal";
-        if (delete_pending(r))
-            return;
-        for (uint32_t g : watchers[r.kind][f]) {
-            if (r.queued.count(g))
-                continue;
-            r.queued.insert(g);
-            queue_reg(r.kind, g);
-            regs[r.kind][g].bucket[levels[regs[r.kind][g].level].active].push_back(rid);
-        }
-    }
-
-    /* The notifier the data store hangs on a delete-pending flag. */
-    void delete_pending_notifier(uint32_t rid)
-    {
-        ModelRec &r = recs[rid];
-        const std::vector<int> &order = watched_order[r.kind];
-        for (auto it = order.rbegin(); it != order.rend(); ++it) {
-            const FieldDef &d = def(r.kind, *it); /* set, or its default applies */
-            if (r.set[*it] || (d.has_default && (d.ctrl < 0 || r.set[d.ctrl])))
-                entry_changed(*it, rid);
-        }
-    }
-
-    void notify(uint32_t rid, int f, int is_set, const std::string &value)
-    {
-        ModelRec &r = recs[rid];
-        if (f == kinds[r.kind].del)
-            delete_pending_notifier(rid); /* registered first, at data store creation */
-        for (const Notifier &n : field_n)
-            if (n.kind == r.kind && n.field == f)
-                log.push_back(fmt("N%d rec=%u field=%d is_set=%d value=%s old=%s", n.n, rid, f,
-                                  is_set, value.c_str(), explicit_text(r, f).c_str()));
-    }
-
-    void mark_updated(uint32_t rid)
-    {
-        ModelRec &r = recs[rid];
-        if (active && !r.created && !r.updated) {
-            r.updated = true;
-            updated_list.push_back(rid);
-        }
-    }
-
-    void update_bit(ModelRec &r, int f, bool v)
+    void update_bit(MRec &r, int f, bool v)
     {
         r.set[f] = v;
         if (!active)
             r.snap[f] = v;
     }
 
-    uint32_t create(int kind)
+    uint32_t create(int k)
     {
-        ModelRec r;
-        r.kind = kind;
-        r.set.assign(kinds[kind].fields.size(), false);
-        r.snap = r.set;
-        r.val.assign(kinds[kind].fields.size(), 0);
         uint32_t id = static_cast<uint32_t>(recs.size());
-        recs.push_back(r);
+        size_t n = kinds[k].fields.size();
+        recs.push_back({k, std::vector<bool>(n), std::vector<bool>(n), std::vector<int32_t>(n)});
         if (active) {
             recs[id].created = true;
             created_list.push_back(id);
         }
-        entries[kind].push_back(id);
-        for (const Notifier &n : create_n)
-            if (n.kind == kind)
-                log.push_back(fmt("C%d rec=%u", n.n, id));
+        entries[k].push_back(id);
+        log_rec('C', id);
         return id;
     }
 
-    void store(ModelRec &r, int f, int32_t v)
+    /* Sets a field or flag; a null value unsets it. */
+    void set(uint32_t id, int f, const int32_t *v)
     {
-        r.val[f] = v;
-    }
-
-    void field_set(uint32_t id, int f, const int32_t *value)
-    {
-        ModelRec &r = recs[id];
-        bool is_set = value != nullptr, was = r.set[f];
-        bool changed = (was && is_set) ? r.val[f] != *value : was != is_set;
-        if (!changed)
+        MRec &r = recs[id];
+        bool flag = is_flag(r.kind, f), was = r.set[f], is = v != nullptr;
+        if (was == is && (!is || flag || r.val[f] == *v))
             return;
-        notify(id, f, is_set, is_set ? std::to_string(*value) : "-");
-        mark_updated(id);
-        const zor_datatype_info *type = def(r.kind, f).type;
-        if (is_set) {
-            if (active && !(type->properties & ZOR_DATATYPE_PROP_RESET_ON_UNSET) && !r.created &&
-                r.snap[f]) {
-                r.has_backup = true;
-                if (!r.backup.count(f))
-                    r.backup[f] = r.val[f];
-            }
-            store(r, f, *value);
-        } else if (type->properties & ZOR_DATATYPE_PROP_RESET_ON_UNSET) {
-            store(r, f, 0);
+        notify(id, f, is, !is ? "-" : flag ? "place" : std::to_string(*v));
+        if (active && !r.created && !r.updated) {
+            r.updated = true;
+            updated_list.push_back(id);
+        }
+        uint32_t props = kinds[r.kind].fields[f].type->properties;
+        if (is && !flag) {
+            if (active && !(props & RESET) && !r.created && r.snap[f] && !r.backup.count(f))
+                r.backup[f] = r.val[f];
+            r.val[f] = *v;
+        } else if (!is && (props & RESET)) {
+            r.val[f] = 0;
         }
         entry_changed(f, id);
-        if (was != is_set) /* bits change with the set state only */
-            update_bit(recs[id], f, is_set);
+        if (was != is) /* bits change with the set state only */
+            update_bit(r, f, is);
     }
 
-    void flag_set(uint32_t id, int f, int value)
-    {
-        if (recs[id].set[f] == (value != 0))
-            return;
-        notify(id, f, value, value ? "place" : "-");
-        mark_updated(id);
-        entry_changed(f, id);
-        update_bit(recs[id], f, value != 0);
-    }
-
-    void flag_trigger(uint32_t id, int f)
-    {
-        entry_changed(f, id);
-    }
-
-    void enable(int kind, uint32_t id, int resync_too)
-    {
-        if (!regs[kind][id].enabled) {
-            regs[kind][id].enable_pending = true;
-            queue_reg(kind, id);
-        }
-        if (resync_too)
-            resync(kind, id);
-    }
-
-    void resync(int kind, uint32_t id)
-    {
-        regs[kind][id].resync = true;
-        queue_reg(kind, id);
-    }
-
-    void disable(int kind, uint32_t id)
-    {
-        ModelReg &g = regs[kind][id];
-        g.enable_pending = g.resync = g.failed = g.enabled = false;
-    }
-
-    void add_create_notifier(int kind, int n, int notify_existing)
-    {
-        create_n.push_back({n, kind, -1});
-        if (notify_existing)
-            for (uint32_t id : entries[kind])
-                log.push_back(fmt("C%d rec=%u", n, id));
-    }
-
-    void add_delete_notifier(int kind, int n)
-    {
-        delete_n.push_back({n, kind, -1});
-    }
-
-    void add_field_notifier(int kind, int f, int n)
-    {
-        field_n.push_back({n, kind, f});
-    }
-
-    void deleted(uint32_t id)
-    {
-        ModelRec &r = recs[id];
-        for (const Notifier &n : delete_n)
-            if (n.kind == r.kind)
-                log.push_back(fmt("D%d rec=%u", n.n, id));
-        auto &e = entries[r.kind];
-        e.erase(std::find(e.begin(), e.end(), id));
-        r.live = false;
-    }
-
-    /* The kind's unlink and free callbacks log; clear_on_destroy is the real side's. */
+    /* The kind's unlink and free callbacks log; a kind without them is freed by the caller. */
     void unlink_and_free(uint32_t id)
     {
         recs[id].freed = true;
-        if (kinds[recs[id].kind].del >= 0) {
-            log.push_back(fmt("X rec=%u", id));
-            log.push_back(fmt("F rec=%u", id));
-        }
+        if (kinds[recs[id].kind].del >= 0)
+            log.insert(log.end(), {fmt("X rec=%u", id), fmt("F rec=%u", id)});
     }
 
-    void remove(uint32_t id)
+    /* A record leaves its kind; a snapshot keeps it until it ends. */
+    void remove(uint32_t id, bool keep)
     {
-        deleted(id);
-        unlink_and_free(id);
+        log_rec('D', id);
+        std::vector<uint32_t> &e = entries[recs[id].kind];
+        e.erase(std::find(e.begin(), e.end(), id));
+        if (keep)
+            recs[id].deleted = true;
+        else
+            unlink_and_free(id);
     }
 
-    bool deleting(const ModelReg &g, const ModelRec &r) const
+    bool deleting(const MReg &g, const MRec &r) const
     {
-        if (delete_pending(r))
-            return true;
         for (size_t f = 0; f < g.watched.size(); f++)
             if (g.watched[f] && r.set[f])
-                return false;
+                return pending(r);
         return true;
     }
 
-    bool deliver(int kind, uint32_t id, int resync_delivery, const std::vector<uint32_t> &ids,
-                 uint32_t pass)
+    /* A registration's turn in a pass: its bucket, or a resync of every record. */
+    void serve(int k, uint32_t id, std::vector<uint32_t> ids, uint32_t pass)
     {
-        last_deliveries++;
-        ModelReg &g = regs[kind][id];
-        if (g.removal) {
-            for (uint32_t rid : ids) {
-                EXPECT_TRUE(deleting(g, recs[rid]));
-                recs[rid].prohibited = true;
-                deleted(rid);
-                if (active || recs[rid].created_restore)
-                    recs[rid].deleted = true;
-                else
-                    unlink_and_free(rid);
-            }
-            return true;
-        }
-        if (g.track >= 0) {
-            bool invert = g.invert;
-            int flag = g.track;
-            for (uint32_t rid : ids) {
-                bool d = deleting(regs[kind][id], recs[rid]);
-                flag_set(rid, flag, invert ? !d : d);
-            }
-            return true;
-        }
-        std::vector<uint32_t> set, del;
-        for (uint32_t rid : ids)
-            (deleting(g, recs[rid]) ? del : set).push_back(rid);
-        return delivered(kind, id, resync_delivery, static_cast<uint32_t>(ids.size()), pass, set,
-                         del);
-    }
-
-    void serve(int kind, uint32_t id, const std::vector<uint32_t> &bucket, uint32_t pass)
-    {
-        ModelReg &g = regs[kind][id];
-        if (g.enabled && !bucket.empty() && !g.resync && !g.failed) {
-            if (!deliver(kind, id, 0, bucket, pass))
-                regs[kind][id].failed = true;
-            return;
-        }
-        if (g.enable_pending) {
-            g.enabled = true;
+        MReg &g = regs[k][id];
+        int resync = !g.enabled || ids.empty() || g.resync || g.failed;
+        if (resync) {
+            g.enabled |= g.enable_pending;
             g.enable_pending = false;
-        }
-        if (g.enabled && g.resync) {
-            std::vector<uint32_t> all;
-            for (uint32_t rid : entries[kind])
+            bool go = g.enabled && g.resync;
+            g.resync = false;
+            if (!go)
+                return;
+            ids.clear();
+            for (uint32_t rid : entries[k])
                 if (!deleting(g, recs[rid]))
-                    all.push_back(rid);
-            bool ok = deliver(kind, id, 1, all, 0);
-            regs[kind][id].failed = !ok;
+                    ids.push_back(rid);
+            pass = 0;
         }
-        regs[kind][id].resync = false;
+        last_deliveries++;
+        std::vector<uint32_t> set, del;
+        for (uint32_t rid : ids) {
+            bool d = deleting(g, recs[rid]);
+            if (g.track >= 0) {
+                this->set(rid, g.track, d != g.invert ? &one : nullptr);
+            } else if (g.removal) {
+                EXPECT_TRUE(d);
+                recs[rid].prohibited = true;
+                remove(rid, active || recs[rid].created_restore);
+            } else {
+                (d ? del : set).push_back(rid);
+            }
+        }
+        g.failed = !g.removal && g.track < 0 &&
+                   !delivered(k, id, resync, ids.size(), pass, active, set, del);
     }
 
     void process()
@@ -652,27 +450,21 @@ struct Model : Side<Model> {
         last_deliveries = 0;
         for (uint32_t pass = 1;; pass++) {
             int L = 0;
-            while (L < 3 && levels[L].parts[levels[L].active].empty())
+            while (L < 3 && parts[L][active_part[L]].empty())
                 L++;
             if (L == 3)
                 return;
             ASSERT_LT(pass, 100u) << "the model ran away";
-            Level &l = levels[L];
-            int a = l.active;
-            std::vector<std::pair<int, uint32_t>> P = l.parts[a];
-            for (auto &kr : P) {
-                for (uint32_t rid : regs[kr.first][kr.second].bucket[a])
-                    recs[rid].queued.erase(kr.second);
-                regs[kr.first][kr.second].in_partition = false;
-            }
-            l.active ^= 1;
+            int a = active_part[L];
+            std::vector<std::pair<int, uint32_t>> P;
+            P.swap(parts[L][a]);
+            for (auto &[k, id] : P)
+                regs[k][id].in_partition = false;
+            active_part[L] ^= 1;
             for (auto it = P.rbegin(); it != P.rend(); ++it) {
-                std::vector<uint32_t> bucket = regs[it->first][it->second].bucket[a];
-                serve(it->first, it->second, bucket, pass);
+                serve(it->first, it->second, regs[it->first][it->second].bucket[a], pass);
+                regs[it->first][it->second].bucket[a].clear();
             }
-            l.parts[a].clear();
-            for (auto &kr : P)
-                regs[kr.first][kr.second].bucket[a].clear();
         }
     }
 
@@ -685,82 +477,67 @@ struct Model : Side<Model> {
     void discard()
     {
         process();
+        active = false;
         std::vector<uint32_t> order = updated_list;
         order.insert(order.end(), created_list.begin(), created_list.end());
         for (uint32_t id : order)
             if (recs[id].deleted)
                 log.push_back(fmt("X rec=%u", id));
         for (uint32_t id : order) {
-            ModelRec &r = recs[id];
-            r.has_backup = false;
-            r.backup.clear();
-            if (r.deleted) {
+            MRec &r = recs[id];
+            if (r.deleted)
                 log.push_back(fmt("F rec=%u", id));
-                r.freed = true;
-            } else {
-                r.updated = r.created = false;
-                r.snap = r.set;
-            }
+            r.freed = r.deleted;
+            r.updated = r.created = false;
+            r.snap = r.set;
+            r.backup.clear();
         }
         updated_list.clear();
         created_list.clear();
-        active = false;
     }
 
     void restore()
     {
         process();
         active = false;
-        for (uint32_t id : updated_list)
-            recs[id].prohibited = false;
         for (uint32_t id : updated_list) {
-            ModelRec &r = recs[id];
-            r.updated = false;
-            if (r.deleted) {
-                r.live = true;
+            MRec &r = recs[id];
+            r.prohibited = r.updated = false;
+            if (r.deleted) { /* back in its kind */
                 entries[r.kind].push_back(id);
-                for (const Notifier &n : create_n)
-                    if (n.kind == r.kind)
-                        log.push_back(fmt("C%d rec=%u", n.n, id));
+                log_rec('C', id);
                 r.deleted = false;
             }
             r.set[kinds[r.kind].del] = false;
-            if (r.has_backup) {
-                std::map<int, int32_t> backup = r.backup;
-                for (auto &fv : backup)
-                    if (!(def(r.kind, fv.first).type->properties & ZOR_DATATYPE_PROP_NO_RESTORE))
-                        field_set(id, fv.first, &fv.second);
-                recs[id].has_backup = false;
-                recs[id].backup.clear();
-            }
-            for (size_t f = 0; f < kinds[r.kind].fields.size(); f++) {
-                ModelRec &rr = recs[id];
-                int fi = static_cast<int>(f);
-                bool snap = rr.snap[f];
-                const zor_datatype_info *type = def(rr.kind, fi).type;
-                if (snap == rr.set[f] || (type->properties & ZOR_DATATYPE_PROP_NO_RESTORE))
+            std::map<int, int32_t> backup;
+            backup.swap(r.backup);
+            for (auto &[f, v] : backup)
+                if (!(kinds[r.kind].fields[f].type->properties & NO_RESTORE))
+                    set(id, f, &v);
+            for (int f = 0; f < static_cast<int>(r.set.size()); f++) {
+                const zor_datatype_info *type = kinds[r.kind].fields[f].type;
+                bool snap = r.snap[f];
+                if (snap == r.set[f] || (type->properties & NO_RESTORE))
                     continue;
-                notify(id, fi, snap,
-                       !snap                   ? "-"
-                       : def(rr.kind, fi).flag ? "place"
-                                               : std::to_string(rr.val[f]));
-                if (type->write && (type->properties & ZOR_DATATYPE_PROP_RESET_ON_UNSET))
-                    store(recs[id], fi, 0);
-                entry_changed(fi, id);
-                update_bit(recs[id], fi, snap);
+                notify(id, f, snap,
+                       !snap                ? "-"
+                       : is_flag(r.kind, f) ? "place"
+                                            : std::to_string(r.val[f]));
+                if (type->write && (type->properties & RESET))
+                    r.val[f] = 0;
+                entry_changed(f, id);
+                update_bit(r, f, snap);
             }
         }
-        for (uint32_t id : created_list) {
+        for (uint32_t id : created_list) { /* records created in the snapshot go */
             recs[id].created_restore = true;
             if (!recs[id].deleted)
-                flag_set(id, kinds[recs[id].kind].del, 1);
+                set(id, kinds[recs[id].kind].del, &one);
         }
         process();
         for (uint32_t id : created_list) {
             EXPECT_TRUE(recs[id].deleted);
-            log.push_back(fmt("X rec=%u", id));
-            log.push_back(fmt("F rec=%u", id));
-            recs[id].freed = true;
+            unlink_and_free(id);
         }
         updated_list.clear();
         created_list.clear();
@@ -770,90 +547,81 @@ struct Model : Side<Model> {
     std::string expected_refs() const
     {
         int n[4] = {0, 0, 0, 0};
-        for (const ModelRec &r : recs) {
-            if (r.freed)
-                continue;
-            for (size_t f = 0; f < r.val.size(); f++) {
-                if (def(r.kind, static_cast<int>(f)).type != &counted_type)
-                    continue;
-                n[r.val[f]]++;
-                if (r.backup.count(static_cast<int>(f)))
-                    n[r.backup.at(static_cast<int>(f))]++;
-            }
-        }
-        return fmt("%d %d %d", n[1], n[2], n[3]);
-    }
-
-    std::string state()
-    {
-        std::string s;
-        for (size_t k = 0; k < kinds.size(); k++) {
-            for (uint32_t id : entries[k]) {
-                const ModelRec &r = recs[id];
-                s += fmt("rec %u:", id);
-                for (size_t f = 0; f < kinds[k].fields.size(); f++) {
-                    int fi = static_cast<int>(f);
-                    s += " " + read(r, fi, r.set, true, nullptr) + "/" + explicit_text(r, fi) +
-                         "/" + read(r, fi, r.snap, true, &r.backup) + "/" +
-                         read(r, fi, r.snap, false, &r.backup);
+        for (const MRec &r : recs)
+            for (int f = 0; f < static_cast<int>(r.val.size()) && !r.freed; f++)
+                if (kinds[r.kind].fields[f].type == &counted_t) {
+                    n[r.val[f]]++;
+                    if (r.backup.count(f))
+                        n[r.backup.at(f)]++;
                 }
-                s += "\n";
-            }
-            for (size_t g = 0; g < regs[k].size(); g++) {
-                const ModelReg &r = regs[k][g];
-                s += fmt("reg %zu/%zu: E%d P%d R%d F%d Q%d L%u W", k, g, r.enabled,
-                         r.enable_pending, r.resync, r.failed, r.in_partition, r.level);
-                for (size_t f = 0; f < r.watched.size(); f++)
-                    if (r.watched[f])
-                        s += fmt(" %zu", f);
-                s += "\n";
-            }
-        }
-        return s;
+        return fmt("%d %d %d", n[1], n[2], n[3]);
     }
 };
 
-/* ---- the real registry ----------------------------------------------------------------- */
+/* ---- the real registry ---------------------------------------------------------- */
+
+struct Rec {
+    uint32_t id;
+    int kind;
+    int32_t v[13];
+};
 
 struct Real;
 Real *real_side; /* the registry's callbacks find their side here */
 
+uint32_t id_of(const zor_reg_entry *e)
+{
+    return static_cast<Rec *>(zor_reg_rec(e))->id;
+}
+
+int of_ctx(void *ctx)
+{
+    return static_cast<int>(reinterpret_cast<intptr_t>(ctx));
+}
+
 struct Real : Side<Real> {
     zor_reg_db db;
     zor_reg_ds *ds = nullptr;
-    std::vector<zor_reg_rec_info *> infos;
-    std::vector<std::vector<zor_reg_field_info *>> fields;
-    std::vector<std::vector<zor_reg_rec_update *>> regs{kinds.size()};
+    zor_reg_rec_info *infos[NK];
+    std::vector<zor_reg_field_info *> fields[NK];
+    std::vector<zor_reg_rec_update *> regs[NK];
     std::vector<zor_reg_entry *> blocks; /* by id; null once freed */
-    std::vector<int> kinds_of;
 
-    static void unlink_cb(zor_reg_ds *, zor_reg_entry *e);
-    static void free_cb(zor_reg_ds *, zor_reg_entry *e);
+    static void unlink_cb(zor_reg_ds *, zor_reg_entry *e)
+    {
+        real_side->log.push_back(fmt("X rec=%u", id_of(e)));
+    }
+
+    static void free_cb(zor_reg_ds *, zor_reg_entry *e)
+    {
+        real_side->log.push_back(fmt("F rec=%u", id_of(e)));
+        real_side->blocks[id_of(e)] = nullptr;
+        free(e); /* the caller's free callback releases the block */
+    }
 
     Real()
     {
         zor_reg_db_init(&db);
-        for (size_t k = 0; k < kinds.size(); k++) {
-            zor_reg_rec_info *ri = zor_reg_db_rec_add(&db);
-            infos.push_back(ri);
-            fields.emplace_back();
-            for (const FieldDef &d : kinds[k].fields)
-                fields[k].push_back(zor_reg_db_rec_add_field(
-                    ri, d.flag ? 0 : offsetof(Rec, v) + sizeof(int32_t) * d.slot, d.type));
-            for (size_t f = 0; f < kinds[k].fields.size(); f++) {
-                const FieldDef &d = kinds[k].fields[f];
-                if (d.has_default)
-                    zor_reg_db_field_set_default(
-                        fields[k][f], d.ctrl < 0 ? nullptr : fields[k][d.ctrl],
-                        d.flag ? static_cast<const void *>(&flag_default_on)
-                               : &default_values[d.slot]);
+        for (int k = 0; k < NK; k++) {
+            infos[k] = zor_reg_db_rec_add(&db);
+            for (const FieldDef &d : kinds[k].fields) {
+                uint64_t at = offsetof(Rec, v) + sizeof(int32_t) * fields[k].size();
+                fields[k].push_back(
+                    zor_reg_db_rec_add_field(infos[k], d.type == &flag_t ? 0 : at, d.type));
+            }
+            for (size_t f = 0; f < fields[k].size(); f++) {
+                int ctrl = kinds[k].fields[f].ctrl;
+                if (kinds[k].fields[f].has_default)
+                    zor_reg_db_field_set_default(fields[k][f], ctrl < 0 ? nullptr : fields[k][ctrl],
+                                                 &defaults[f]);
             }
             if (kinds[k].del >= 0)
-                zor_reg_db_rec_set_deletion_info(ri, fields[k][kinds[k].del], unlink_cb, free_cb);
-            zor_reg_db_rec_set_offsets(ri, sizeof(zor_reg_entry), sizeof(Rec));
+                zor_reg_db_rec_set_deletion_info(infos[k], fields[k][kinds[k].del], unlink_cb,
+                                                 free_cb);
+            zor_reg_db_rec_set_offsets(infos[k], sizeof(zor_reg_entry), sizeof(Rec));
         }
         ds = zor_reg_ds_init(&db, this);
-        for (size_t k = 0; k < kinds.size(); k++)
+        for (int k = 0; k < NK; k++)
             if (kinds[k].del >= 0)
                 regs[k].push_back(ds->recs[k].rmv_reg);
     }
@@ -870,144 +638,128 @@ struct Real : Side<Real> {
     {
         return static_cast<Rec *>(zor_reg_rec(blocks[id]));
     }
-    static uint32_t id_of(const zor_reg_entry *e)
+
+    zor_reg_field_info *field(uint32_t id, int f)
     {
-        return static_cast<Rec *>(zor_reg_rec(e))->id;
-    }
-    bool snapshot_active()
-    {
-        return ds->snapshot_active != 0;
+        return fields[rec(id)->kind][f];
     }
 
-    int field_index(int kind, const zor_reg_field_info *field)
+    static int update_cb(zor_reg_cb_info *info, zor_iter *entries, void *ctx)
     {
-        for (size_t f = 0; f < fields[kind].size(); f++)
-            if (fields[kind][f] == field)
-                return static_cast<int>(f);
-        return -1;
+        Real &R = *real_side;
+        uint32_t pass = zor_reg_cb_trace[(zor_reg_cb_trace_count - 1) % 1000].iteration;
+        std::vector<uint32_t> set, del;
+        zor_reg_entry *e;
+        if (decide(R.seed, R.callbacks).use_split) {
+            zor_iter *si, *di;
+            uint32_t sc, dc;
+            zor_reg_info_iter(info, &si, &di, &sc, &dc);
+            ZOR_ITER_FOREACH (si, e)
+                set.push_back(id_of(e));
+            ZOR_ITER_FOREACH (di, e)
+                del.push_back(id_of(e));
+            EXPECT_EQ(sc, set.size());
+            EXPECT_EQ(dc, del.size());
+        } else {
+            ZOR_ITER_FOREACH (entries, e)
+                (zor_reg_info_is_deleting(info, e) ? del : set).push_back(id_of(e));
+        }
+        EXPECT_EQ(zor_reg_info_ds_ctx(info), &R);
+        return R.delivered(of_ctx(ctx) / 1000, of_ctx(ctx) % 1000, zor_reg_info_is_resync(info),
+                           zor_reg_info_count(info), pass, R.ds->snapshot_active != 0, set, del);
     }
 
-    static std::string value_text(const void *p)
+    /* A create or delete notifier: ctx is its number times 256 plus 'C' or 'D'. */
+    static void rec_cb(void *rec, void *ctx)
     {
-        return p ? std::to_string(*static_cast<const int32_t *>(p)) : "-";
+        real_side->log.push_back(
+            fmt("%c%d rec=%u", of_ctx(ctx) % 256, of_ctx(ctx) / 256, static_cast<Rec *>(rec)->id));
     }
 
-    std::string explicit_text(uint32_t id, int f)
-    {
-        int k = kinds_of[id];
-        if (kinds[k].fields[f].flag)
-            return zor_reg_flag_get_explicit(rec(id), fields[k][f]) ? "1" : "0";
-        return value_text(zor_reg_field_get_explicit(rec(id), fields[k][f]));
-    }
-
-    /* get/explicit/snapshot get/snapshot explicit */
-    std::string reads(uint32_t id, int f)
-    {
-        int k = kinds_of[id];
-        Rec *r = rec(id);
-        zor_reg_field_info *fi = fields[k][f];
-        if (kinds[k].fields[f].flag)
-            return fmt("%d/%d/%d/%d", zor_reg_flag_get(r, fi), zor_reg_flag_get_explicit(r, fi),
-                       zor_reg_snapshot_flag_get(r, fi), zor_reg_snapshot_flag_get_explicit(r, fi));
-        return value_text(zor_reg_field_get(r, fi)) + "/" +
-               value_text(zor_reg_field_get_explicit(r, fi)) + "/" +
-               value_text(zor_reg_snapshot_field_get(r, fi)) + "/" +
-               value_text(zor_reg_snapshot_field_get_explicit(r, fi));
-    }
-
-    static int update_cb(zor_reg_cb_info *info, zor_iter *entries, void *ctx);
-    static void create_cb(void *rec, void *ctx);
-    static void delete_cb(void *rec, void *ctx);
     static void field_cb(void *rec, const zor_reg_field_info *field, int is_set, const void *value,
-                         void *ctx);
+                         void *ctx)
+    {
+        Real &R = *real_side;
+        uint32_t id = static_cast<Rec *>(rec)->id;
+        int k = R.rec(id)->kind;
+        int f = static_cast<int>(std::find(R.fields[k].begin(), R.fields[k].end(), field) -
+                                 R.fields[k].begin());
+        std::string v = value == nullptr ? "-"
+                        : !is_flag(k, f) ? std::to_string(*static_cast<const int32_t *>(value))
+                        : value == static_cast<char *>(rec) + field->offset ? "place"
+                                                                            : "elsewhere";
+        R.log.push_back(fmt("N%d rec=%u field=%d is_set=%d value=%s old=%s", of_ctx(ctx), id, f,
+                            is_set, v.c_str(), R.read(id, f, 1).c_str()));
+    }
 
-    void add_reg(int kind, uint32_t flags, const std::vector<int> &fl, bool variadic, int track,
+    void add_reg(int k, uint32_t flags, const std::vector<int> &fl, bool variadic, int track,
                  int invert)
     {
+        void *ctx = reinterpret_cast<void *>(static_cast<intptr_t>(k * 1000 + regs[k].size()));
+        bool two = variadic && fl.size() == 2 && track < 0;
+        zor_reg_rec_update *r =
+            track >= 0 ? zor_reg_track(ds, infos[k], flags, fields[k][track], invert)
+            : two      ? zor_register_rec_update_v(ds, infos[k], flags, update_cb, ctx, 2,
+                                                   fields[k][fl[0]], fields[k][fl[1]])
+                       : zor_register_rec_update(ds, infos[k], flags, update_cb, ctx);
+        for (size_t i = 0; i < fl.size() && !two; i++)
+            zor_reg_rec_update_field_add(r, fields[k][fl[i]]);
+        EXPECT_EQ(r->id, regs[k].size());
+        regs[k].push_back(r);
+    }
+
+    void add_notifier(char type, int k, int f, int n, int existing)
+    {
         void *ctx =
-            reinterpret_cast<void *>(static_cast<intptr_t>(kind * 1000 + regs[kind].size()));
-        zor_reg_rec_update *r;
-        if (track >= 0) {
-            r = zor_reg_track(ds, infos[kind], flags, fields[kind][track], invert);
-            for (int f : fl)
-                zor_reg_rec_update_field_add(r, fields[kind][f]);
-        } else if (variadic && fl.size() == 2) {
-            r = zor_register_rec_update_v(ds, infos[kind], flags, update_cb, ctx, 2,
-                                          fields[kind][fl[0]], fields[kind][fl[1]]);
-        } else {
-            r = zor_register_rec_update(ds, infos[kind], flags, update_cb, ctx);
-            for (int f : fl)
-                zor_reg_rec_update_field_add(r, fields[kind][f]);
-        }
-        EXPECT_EQ(r->id, regs[kind].size());
-        regs[kind].push_back(r);
+            reinterpret_cast<void *>(static_cast<intptr_t>(type == 'N' ? n : n * 256 + type));
+        if (type == 'N')
+            zor_register_field_update(ds, fields[k][f], field_cb, ctx);
+        else if (type == 'C')
+            zor_register_rec_create(ds, infos[k], rec_cb, ctx, existing);
+        else
+            zor_register_rec_delete(ds, infos[k], rec_cb, ctx);
     }
 
-    uint32_t create(int kind)
+    /* how: 0 enable, 1 enable and resync, 2 resync, 3 disable */
+    void reg_op(int k, uint32_t g, size_t how)
     {
-        uint32_t id = static_cast<uint32_t>(blocks.size());
-        auto *e = static_cast<zor_reg_entry *>(util_calloc(zor_reg_rec_size(ds, infos[kind])));
+        if (how < 2)
+            zor_reg_enable(regs[k][g], static_cast<int>(how));
+        else if (how == 2)
+            zor_reg_resync(regs[k][g]);
+        else
+            zor_reg_disable(regs[k][g]);
+    }
+
+    uint32_t create(int k)
+    {
+        auto *e = static_cast<zor_reg_entry *>(util_calloc(zor_reg_rec_size(ds, infos[k])));
+        /* The create notifiers need the id before the entry knows its kind. */
+        Rec *r = reinterpret_cast<Rec *>(reinterpret_cast<char *>(e) + sizeof(zor_reg_entry));
+        r->id = static_cast<uint32_t>(blocks.size());
+        r->kind = k;
         blocks.push_back(e);
-        kinds_of.push_back(kind);
-        /* The record's id is needed by the create notifiers, before the entry knows its kind. */
-        reinterpret_cast<Rec *>(reinterpret_cast<char *>(e) + sizeof(zor_reg_entry))->id = id;
-        zor_reg_rec_created(ds, infos[kind], e);
-        return id;
+        zor_reg_rec_created(ds, infos[k], e);
+        return r->id;
     }
 
-    void field_set(uint32_t id, int f, const int32_t *value)
+    void set(uint32_t id, int f, const int32_t *v)
     {
-        zor_reg_field_set(rec(id), fields[kinds_of[id]][f], value);
-    }
-    void flag_set(uint32_t id, int f, int value)
-    {
-        zor_reg_flag_set(rec(id), fields[kinds_of[id]][f], value);
-    }
-    void flag_trigger(uint32_t id, int f)
-    {
-        zor_reg_flag_trigger(rec(id), fields[kinds_of[id]][f]);
-    }
-    void enable(int kind, uint32_t r, int resync_too)
-    {
-        zor_reg_enable(regs[kind][r], resync_too);
-    }
-    void resync(int kind, uint32_t r)
-    {
-        zor_reg_resync(regs[kind][r]);
-    }
-    void disable(int kind, uint32_t r)
-    {
-        zor_reg_disable(regs[kind][r]);
+        if (is_flag(rec(id)->kind, f))
+            zor_reg_flag_set(rec(id), field(id, f), v != nullptr);
+        else
+            zor_reg_field_set(rec(id), field(id, f), v);
     }
 
-    static void *notifier_ctx(int n)
-    {
-        return reinterpret_cast<void *>(static_cast<intptr_t>(n));
-    }
-
-    void add_create_notifier(int kind, int n, int notify_existing)
-    {
-        zor_register_rec_create(ds, infos[kind], create_cb, notifier_ctx(n), notify_existing);
-    }
-    void add_delete_notifier(int kind, int n)
-    {
-        zor_register_rec_delete(ds, infos[kind], delete_cb, notifier_ctx(n));
-    }
-    void add_field_notifier(int kind, int f, int n)
-    {
-        zor_register_field_update(ds, fields[kind][f], field_cb, notifier_ctx(n));
-    }
-
-    void remove(uint32_t id)
+    void remove(uint32_t id, bool)
     {
         zor_reg_entry *e = blocks[id];
         zor_reg_rec_deleted(e);
         zor_reg_rec_unlink(e);
         zor_reg_rec_free(e);
-        if (blocks[id] != nullptr) { /* a kind without free_cb leaves the block to us */
+        if (blocks[id] != nullptr) /* a kind without free_cb leaves the block to us */
             free(e);
-            blocks[id] = nullptr;
-        }
+        blocks[id] = nullptr;
     }
 
     void process()
@@ -1015,28 +767,31 @@ struct Real : Side<Real> {
         zor_reg_process(ds);
         EXPECT_EQ(zor_reg_in_cb_processing, 0u);
     }
-    void take()
+
+    /* Read i of a field: 0 get, 1 explicit, 2 snapshot get, 3 snapshot explicit. */
+    std::string read(uint32_t id, int f, int i)
     {
-        zor_reg_take_snapshot(ds);
-    }
-    void discard()
-    {
-        zor_reg_discard_snapshot(ds);
-    }
-    void restore()
-    {
-        zor_reg_restore_snapshot(ds);
+        static decltype(&zor_reg_flag_get)
+            const flag_get[] = {zor_reg_flag_get, zor_reg_flag_get_explicit,
+                                zor_reg_snapshot_flag_get, zor_reg_snapshot_flag_get_explicit};
+        static decltype(&zor_reg_field_get)
+            const field_get[] = {zor_reg_field_get, zor_reg_field_get_explicit,
+                                 zor_reg_snapshot_field_get, zor_reg_snapshot_field_get_explicit};
+        if (is_flag(rec(id)->kind, f))
+            return std::to_string(flag_get[i](rec(id), field(id, f)));
+        const void *p = field_get[i](rec(id), field(id, f));
+        return p ? std::to_string(*static_cast<const int32_t *>(p)) : "-";
     }
 
     /*
-     * The queueing invariant: an entry's queued bit for a registration is
-     * set exactly when the entry is in the registration's bucket of its
-     * level's active partition, and that bucket is chained into the
-     * partition exactly when `in_partition` is set.
+     * The queueing invariant: an entry's queued bit for a registration is set
+     * exactly when the entry is in the registration's bucket of its level's
+     * active partition, and that bucket is chained into the partition exactly
+     * when `in_partition` is set.
      */
     std::string queue_problem()
     {
-        for (size_t k = 0; k < kinds.size(); k++)
+        for (int k = 0; k < NK; k++)
             for (zor_reg_rec_update *r : regs[k]) {
                 zor_reg_level *l = &ds->levels[r->level];
                 zor_partition_bucket *mine = &r->buckets[l->active], *b;
@@ -1044,190 +799,107 @@ struct Real : Side<Real> {
                 ZOR_PARTITION_BUCKETS_FOREACH (&l->parts[l->active], b)
                     chained |= b == mine;
                 if (chained != (r->in_partition != 0))
-                    return fmt("reg %zu/%u: bucket chained %d, in_partition %u", k, r->id, chained,
+                    return fmt("reg %d/%u: bucket chained %d, in_partition %u", k, r->id, chained,
                                r->in_partition);
                 std::set<uint32_t> in_bucket;
                 zor_reg_entry *e;
                 if (chained)
                     ZOR_PARTITION_BUCKET_FOREACH (mine, e)
                         if (!in_bucket.insert(id_of(e)).second)
-                            return fmt("reg %zu/%u: rec %u twice in its bucket", k, r->id,
-                                       id_of(e));
+                            return fmt("reg %d/%u: rec %u twice in its bucket", k, r->id, id_of(e));
                 for (uint32_t id = 0; id < blocks.size(); id++) {
                     bool queued =
-                        blocks[id] != nullptr && kinds_of[id] == static_cast<int>(k) &&
+                        blocks[id] != nullptr && rec(id)->kind == k &&
                         zor_reg_bit_get(zor_reg_entry_queued_bits(blocks[id], infos[k]), r->id);
                     if (queued != (in_bucket.count(id) != 0))
-                        return fmt("reg %zu/%u: rec %u queued bit %d, in its bucket %d", k, r->id,
+                        return fmt("reg %d/%u: rec %u queued bit %d, in its bucket %d", k, r->id,
                                    id, queued, !queued);
                 }
             }
         return "";
     }
-
-    std::string state()
-    {
-        std::string s;
-        for (size_t k = 0; k < kinds.size(); k++) {
-            zor_iter it;
-            zor_list_iter_state st;
-            zor_reg_entry *e;
-            zor_iter_create(&it, zor_list_iterator(&it, &st, &ds->recs[k].entries));
-            ZOR_ITER_FOREACH (&it, e) {
-                uint32_t id = id_of(e);
-                s += fmt("rec %u:", id);
-                for (size_t f = 0; f < kinds[k].fields.size(); f++)
-                    s += " " + reads(id, static_cast<int>(f));
-                s += "\n";
-            }
-            zor_iter_free(&it);
-            for (size_t g = 0; g < regs[k].size(); g++) {
-                const zor_reg_rec_update *r = regs[k][g];
-                s += fmt("reg %zu/%zu: E%u P%u R%u F%u Q%u L%u W", k, g, r->enabled,
-                         r->enable_pending, r->resync, r->failed, r->in_partition, r->level);
-                for (size_t f = 0; f < kinds[k].fields.size(); f++)
-                    if (r->field_bits[f / 8] & (1u << (f % 8)))
-                        s += fmt(" %zu", f);
-                s += "\n";
-            }
-        }
-        return s;
-    }
 };
 
-void Real::unlink_cb(zor_reg_ds *, zor_reg_entry *e)
+/* The first difference of records, reads and registration states, or nothing. */
+std::string state_diff(const Model &M, Real &R)
 {
-    real_side->log.push_back(fmt("X rec=%u", id_of(e)));
-}
-
-void Real::free_cb(zor_reg_ds *, zor_reg_entry *e)
-{
-    uint32_t id = id_of(e);
-    real_side->log.push_back(fmt("F rec=%u", id));
-    free(e); /* the caller's free callback releases the block */
-    real_side->blocks[id] = nullptr;
-}
-
-int Real::update_cb(zor_reg_cb_info *info, zor_iter *entries, void *ctx)
-{
-    Real &R = *real_side;
-    int kind = static_cast<int>(reinterpret_cast<intptr_t>(ctx)) / 1000;
-    uint32_t reg = static_cast<uint32_t>(reinterpret_cast<intptr_t>(ctx)) % 1000;
-    uint32_t pass = zor_reg_cb_trace[(zor_reg_cb_trace_count - 1) % 1000].iteration;
-    std::vector<uint32_t> set, del;
-    if (decide(R.seed, R.callbacks).use_split) {
-        zor_iter *si, *di;
-        uint32_t sc, dc;
-        zor_reg_info_iter(info, &si, &di, &sc, &dc);
+    for (int k = 0; k < NK; k++) {
+        std::vector<uint32_t> ids;
+        zor_iter it;
+        zor_list_iter_state st;
         zor_reg_entry *e;
-        ZOR_ITER_FOREACH (si, e) {
-            set.push_back(id_of(e));
-        }
-        ZOR_ITER_FOREACH (di, e) {
-            del.push_back(id_of(e));
-        }
-        EXPECT_EQ(sc, set.size());
-        EXPECT_EQ(dc, del.size());
-    } else {
-        zor_reg_entry *e;
-        ZOR_ITER_FOREACH (entries, e) {
-            (zor_reg_info_is_deleting(info, e) ? del : set).push_back(id_of(e));
+        zor_iter_create(&it, zor_list_iterator(&it, &st, &R.ds->recs[k].entries));
+        ZOR_ITER_FOREACH (&it, e)
+            ids.push_back(id_of(e));
+        zor_iter_free(&it);
+        if (ids != M.entries[k])
+            return fmt("kind %d records: model %s, real %s", k, ids_text(M.entries[k]).c_str(),
+                       ids_text(ids).c_str());
+        for (uint32_t id : ids)
+            for (int f = 0; f < static_cast<int>(kinds[k].fields.size()); f++)
+                for (int i = 0; i < 4; i++)
+                    if (M.read(id, f, i) != R.read(id, f, i))
+                        return fmt("rec %u field %d read %d: model %s, real %s", id, f, i,
+                                   M.read(id, f, i).c_str(), R.read(id, f, i).c_str());
+        for (size_t g = 0; g < R.regs[k].size(); g++) {
+            const MReg &m = M.regs[k][g];
+            const zor_reg_rec_update *r = R.regs[k][g];
+            std::string ms = fmt("E%d P%d R%d F%d Q%d L%u W", m.enabled, m.enable_pending, m.resync,
+                                 m.failed, m.in_partition, m.level),
+                        rs = fmt("E%u P%u R%u F%u Q%u L%u W", r->enabled, r->enable_pending,
+                                 r->resync, r->failed, r->in_partition, r->level);
+            for (size_t f = 0; f < m.watched.size(); f++) {
+                ms += m.watched[f] ? "1" : "0";
+                rs += r->field_bits[f / 8] & (1u << (f % 8)) ? "1" : "0";
+            }
+            if (ms != rs)
+                return fmt("reg %d/%zu: model %s, real %s", k, g, ms.c_str(), rs.c_str());
         }
     }
-    EXPECT_EQ(zor_reg_info_ds_ctx(info), &R);
-    return R.delivered(kind, reg, zor_reg_info_is_resync(info), zor_reg_info_count(info), pass, set,
-                       del)
-               ? 1
-               : 0;
+    return "";
 }
 
-void Real::create_cb(void *rec, void *ctx)
-{
-    real_side->log.push_back(fmt("C%d rec=%u", static_cast<int>(reinterpret_cast<intptr_t>(ctx)),
-                                 static_cast<Rec *>(rec)->id));
-}
+/* ---- the driver ------------------------------------------------------------------ */
 
-void Real::delete_cb(void *rec, void *ctx)
-{
-    real_side->log.push_back(fmt("D%d rec=%u", static_cast<int>(reinterpret_cast<intptr_t>(ctx)),
-                                 static_cast<Rec *>(rec)->id));
-}
-
-void Real::field_cb(void *rec, const zor_reg_field_info *field, int is_set, const void *value,
-                    void *ctx)
-{
-    Real &R = *real_side;
-    uint32_t id = static_cast<Rec *>(rec)->id;
-    int k = R.kinds_of[id];
-    int f = R.field_index(k, field);
-    std::string v = "-";
-    if (value != nullptr && kinds[k].fields[f].flag)
-        v = value == static_cast<char *>(rec) + field->offset ? "place" : "elsewhere";
-    else if (value != nullptr)
-        v = std::to_string(*static_cast<const int32_t *>(value));
-    R.log.push_back(fmt("N%d rec=%u field=%d is_set=%d value=%s old=%s",
-                        static_cast<int>(reinterpret_cast<intptr_t>(ctx)), id, f, is_set, v.c_str(),
-                        R.explicit_text(id, f).c_str()));
-}
-
-/* ---- the driver ---------------------------------------------------------------------- */
-
-/*
- * Runs one random sequence against both sides; returns an empty string
- * when they agree throughout, else a description of the first difference.
- */
+/* Runs one random sequence on both sides: empty when they agree, else the first difference. */
 std::string run_sequence(uint64_t seed)
 {
     std::mt19937_64 rng(seed);
     auto pick = [&](size_t n) { return static_cast<size_t>(rng() % n); };
-
     memset(refs, 0, sizeof(refs));
     refs_broken = false;
-    Model model;
-    Real real;
-    real_side = &real;
-    model.seed = real.seed = seed;
-    /* Applies one operation to both sides alike. */
+    Model M;
+    Real R;
+    real_side = &R;
+    M.seed = R.seed = seed;
     auto both = [&](auto &&op) {
-        op(model);
-        op(real);
+        op(M);
+        op(R);
     };
 
-    /*
-     * Everything compared after an operation: the callback logs, the reads
-     * and registration states, the real side's queueing invariant, the
-     * deliveries of a processing call, the reference counts (none left at
-     * the end).
-     */
+    /* After each operation: logs, state, queueing, deliveries of a processing call, references. */
     size_t seen = 0;
     auto compare = [&](const std::string &op, bool processed, bool last) -> std::string {
-        std::string problem;
-        std::string real_refs = fmt("%d %d %d", refs[1], refs[2], refs[3]);
-        if (model.log != real.log || model.state() != real.state())
-            problem = "logs or state";
-        else if (!(problem = real.queue_problem()).empty())
+        std::string want = M.expected_refs(), got = fmt("%d %d %d", refs[1], refs[2], refs[3]);
+        std::string problem = M.log != R.log ? "logs differ" : state_diff(M, R);
+        if (problem.empty() && !(problem = R.queue_problem()).empty())
             problem = "queueing: " + problem;
-        else if (processed && zor_reg_cb_trace_count != model.last_deliveries)
-            problem =
-                fmt("trace count %u, model %u", zor_reg_cb_trace_count, model.last_deliveries);
-        else if (refs_broken)
+        else if (problem.empty() && processed && zor_reg_cb_trace_count != M.last_deliveries)
+            problem = fmt("trace count %u, model %u", zor_reg_cb_trace_count, M.last_deliveries);
+        else if (problem.empty() && refs_broken)
             problem = "a reference was released twice";
-        else if (model.expected_refs() != real_refs)
-            problem = "references (model " + model.expected_refs() + ", real " + real_refs + ")";
-        else if (last && real_refs != "0 0 0")
-            problem = "references kept after every record is gone: " + real_refs;
+        else if (problem.empty() && (want != got || (last && got != "0 0 0")))
+            problem = "references held: model " + want + ", real " + got;
         if (problem.empty()) {
-            seen = std::min(model.log.size(), real.log.size());
+            seen = std::min(M.log.size(), R.log.size());
             return "";
         }
-        std::string out = fmt("seed %llu: %s, after: %s\n", (unsigned long long)seed,
+        std::string out = fmt("seed %llu: %s, after: %s\n", static_cast<unsigned long long>(seed),
                               problem.c_str(), op.c_str());
-        size_t n = std::max(model.log.size(), real.log.size());
-        for (size_t i = seen; i < n && i < seen + 60; i++)
-            out +=
-                fmt("  model: %-70s real: %s\n", i < model.log.size() ? model.log[i].c_str() : "",
-                    i < real.log.size() ? real.log[i].c_str() : "");
-        return out + "model state:\n" + model.state() + "real state:\n" + real.state();
+        for (size_t i = seen; i < std::max(M.log.size(), R.log.size()) && i < seen + 60; i++)
+            out += fmt("  model: %-70s real: %s\n", i < M.log.size() ? M.log[i].c_str() : "",
+                       i < R.log.size() ? R.log[i].c_str() : "");
+        return out;
     };
 
     /*
@@ -1235,28 +907,26 @@ std::string run_sequence(uint64_t seed)
      * registration of its kind. Kinds with deletion information get no
      * level-2 registrations of the caller.
      */
-    for (size_t k = 0; k < kinds.size(); k++) {
-        int kind = static_cast<int>(k);
+    for (int k = 0; k < NK; k++) {
         size_t count = 1 + pick(4);
         for (size_t g = 0; g < count + (kinds[k].track >= 0 ? 1 : 0); g++) {
-            bool track = g == count;
+            int track = g == count ? kinds[k].track : -1;
             uint32_t flags = static_cast<uint32_t>(pick(8));
             if (kinds[k].del >= 0)
                 flags &= ~static_cast<uint32_t>(ZOR_REG_LEVEL_2);
             std::vector<int> fl;
-            for (size_t f = 0; f < kinds[k].fields.size(); f++)
-                if (pick(3) == 0 && !(track && static_cast<int>(f) == kinds[k].track))
-                    fl.push_back(static_cast<int>(f));
+            for (int f = 0; f < static_cast<int>(kinds[k].fields.size()); f++)
+                if (pick(3) == 0 && f != track)
+                    fl.push_back(f);
             std::shuffle(fl.begin(), fl.end(), rng);
             bool variadic = pick(2) == 0;
             int invert = static_cast<int>(pick(2));
-            both([&](auto &s) {
-                s.add_reg(kind, flags, fl, variadic, track ? kinds[k].track : -1, invert);
-            });
+            M.add_reg(k, flags, fl, track, invert);
+            R.add_reg(k, flags, fl, variadic, track, invert);
+            uint32_t id = static_cast<uint32_t>(M.regs[k].size() - 1);
             if (pick(4) != 0) {
-                int resync = static_cast<int>(pick(2));
-                uint32_t id = static_cast<uint32_t>(model.regs[k].size() - 1);
-                both([&](auto &s) { s.enable(kind, id, resync); });
+                size_t resync = pick(2);
+                both([&](auto &s) { s.reg_op(k, id, resync); });
             }
         }
     }
@@ -1270,88 +940,79 @@ std::string run_sequence(uint64_t seed)
     if (!diff.empty())
         return diff;
 
-    /* Picks for the operations: a live record, one that may change now, a flag of it. */
     auto live = [&]() {
         std::vector<uint32_t> ids;
-        for (size_t k = 0; k < kinds.size(); k++)
-            ids.insert(ids.end(), model.entries[k].begin(), model.entries[k].end());
+        for (int k = 0; k < NK; k++)
+            ids.insert(ids.end(), M.entries[k].begin(), M.entries[k].end());
         return ids;
     };
-    auto any_rec = [&]() {
+    uint32_t id = 0;
+    /* Picks a live record; true when it may change now (not a kind without deletion in a snapshot).
+     */
+    auto pick_rec = [&]() {
         std::vector<uint32_t> ids = live();
-        return ids[pick(ids.size())];
+        id = ids[pick(ids.size())];
+        return kinds[M.recs[id].kind].del >= 0 || !M.active;
     };
-    /* A kind without deletion information is left alone during a snapshot. */
-    auto changeable = [&](uint32_t id) {
-        return kinds[model.recs[id].kind].del >= 0 || !model.active;
-    };
-    auto any_flag = [&](int k) {
-        std::vector<int> flags;
-        for (size_t f = 0; f < kinds[k].fields.size(); f++)
-            if (kinds[k].fields[f].flag && static_cast<int>(f) != kinds[k].del)
-                flags.push_back(static_cast<int>(f));
+    auto pick_flag = [&]() {
+        std::vector<int> flags = fields_of(M.recs[id].kind, true);
         return flags[pick(flags.size())];
     };
     int notifiers = 0;
+    static void (Model::*const model_snapshot[])() = {&Model::take, &Model::discard,
+                                                      &Model::restore};
+    static void (*const real_snapshot[])(zor_reg_ds *) = {
+        zor_reg_take_snapshot, zor_reg_discard_snapshot, zor_reg_restore_snapshot};
 
-    /*
-     * The operations with their weights. Each returns what it did, or an
-     * empty text when it did not apply; `processing` ones are followed by
-     * a comparison of the delivery count as well.
-     */
+    /* The operations with their weights; each says what it did, or nothing if it did not apply. */
     struct Op {
         int weight;
-        bool processing;
+        bool processing; /* compare the delivery count after it */
         std::function<std::string()> run;
     };
     const std::vector<Op> ops = {
         {14, false,
          [&]() {
-             int k = static_cast<int>(pick(kinds.size()));
-             if (kinds[k].del < 0 && model.active)
-                 k = 0;
-             uint32_t id = 0;
+             int k = static_cast<int>(pick(NK));
+             k = kinds[k].del < 0 && M.active ? 0 : k;
              both([&](auto &s) { id = s.create(k); });
              return fmt("create kind %d -> %u", k, id);
          }},
         {34, false,
          [&]() -> std::string {
-             uint32_t id = any_rec();
-             if (!changeable(id))
+             if (!pick_rec())
                  return "";
-             std::vector<int> vf = value_fields(model.recs[id].kind);
+             std::vector<int> vf = fields_of(M.recs[id].kind, false);
              int f = vf[pick(vf.size())];
              int32_t v = static_cast<int32_t>(pick(4));
-             bool unset = pick(4) == 0;
-             both([&](auto &s) { s.field_set(id, f, unset ? nullptr : &v); });
-             return fmt("set rec %u field %d to %s", id, f,
-                        unset ? "-" : std::to_string(v).c_str());
+             const int32_t *p = pick(4) == 0 ? nullptr : &v;
+             both([&](auto &s) { s.set(id, f, p); });
+             return fmt("set rec %u field %d to %s", id, f, p ? std::to_string(v).c_str() : "-");
          }},
         {10, false,
          [&]() -> std::string {
-             uint32_t id = any_rec();
-             if (!changeable(id))
+             if (!pick_rec())
                  return "";
-             int f = any_flag(model.recs[id].kind), v = static_cast<int>(pick(2));
-             both([&](auto &s) { s.flag_set(id, f, v); });
+             int f = pick_flag(), v = static_cast<int>(pick(2));
+             both([&](auto &s) { s.set(id, f, v ? &one : nullptr); });
              return fmt("flag rec %u field %d to %d", id, f, v);
          }},
         {4, false,
          [&]() -> std::string {
-             uint32_t id = any_rec();
-             if (!changeable(id))
+             if (!pick_rec())
                  return "";
-             int f = any_flag(model.recs[id].kind);
-             both([&](auto &s) { s.flag_trigger(id, f); });
+             int f = pick_flag();
+             M.entry_changed(f, id);
+             zor_reg_flag_trigger(R.rec(id), R.field(id, f));
              return fmt("trigger rec %u field %d", id, f);
          }},
         {6, false,
          [&]() -> std::string {
-             uint32_t id = any_rec();
-             int k = model.recs[id].kind;
-             if (kinds[k].del < 0 || model.recs[id].set[kinds[k].del])
+             pick_rec();
+             int del = kinds[M.recs[id].kind].del;
+             if (del < 0 || M.recs[id].set[del])
                  return "";
-             both([&](auto &s) { s.flag_set(id, kinds[k].del, 1); });
+             both([&](auto &s) { s.set(id, del, &one); });
              return fmt("delete rec %u", id);
          }},
         {10, true,
@@ -1361,56 +1022,39 @@ std::string run_sequence(uint64_t seed)
          }},
         {6, false,
          [&]() -> std::string {
-             int k = static_cast<int>(pick(kinds.size()));
-             uint32_t g = static_cast<uint32_t>(pick(model.regs[k].size()));
-             if (model.regs[k][g].removal)
+             int k = static_cast<int>(pick(NK));
+             uint32_t g = static_cast<uint32_t>(pick(M.regs[k].size()));
+             if (M.regs[k][g].removal)
                  return "";
-             static const char *const names[] = {"enable", "enable+resync", "resync", "disable"};
              size_t how = pick(4);
-             both([&](auto &s) {
-                 if (how < 2)
-                     s.enable(k, g, static_cast<int>(how));
-                 else if (how == 2)
-                     s.resync(k, g);
-                 else
-                     s.disable(k, g);
-             });
-             return fmt("registration %d/%u: %s", k, g, names[how]);
+             both([&](auto &s) { s.reg_op(k, g, how); });
+             return fmt("registration %d/%u: op %zu", k, g, how);
          }},
         {4, false,
          [&]() {
-             int k = static_cast<int>(pick(kinds.size()));
-             size_t how = pick(3);
+             int k = static_cast<int>(pick(NK));
+             char type = "CDN"[pick(3)];
              int n = ++notifiers, existing = static_cast<int>(pick(2));
              int f = static_cast<int>(pick(kinds[k].fields.size()));
-             both([&](auto &s) {
-                 if (how == 0)
-                     s.add_create_notifier(k, n, existing);
-                 else if (how == 1)
-                     s.add_delete_notifier(k, n);
-                 else
-                     s.add_field_notifier(k, f, n);
-             });
-             return fmt("notifier %d on kind %d (%zu)", n, k, how);
+             both([&](auto &s) { s.add_notifier(type, k, f, n, existing); });
+             return fmt("notifier %c%d on kind %d", type, n, k);
          }},
         {8, true,
          [&]() {
              bool discard = pick(3) == 0;
-             if (!model.active) {
-                 both([](auto &s) { s.take(); });
-                 return std::string("take snapshot");
-             }
-             both([&](auto &s) { discard ? s.discard() : s.restore(); });
-             return std::string(discard ? "discard snapshot" : "restore snapshot");
+             int how = !M.active ? 0 : discard ? 1 : 2;
+             (M.*model_snapshot[how])();
+             real_snapshot[how](R.ds);
+             return fmt("snapshot op %d", how);
          }},
         /* Removal by the caller, for the kind without deletion information. */
         {4, true,
          [&]() -> std::string {
-             if (model.active || model.entries[2].empty())
+             if (M.active || M.entries[2].empty())
                  return "";
              both([](auto &s) { s.process(); });
-             uint32_t id = model.entries[2][pick(model.entries[2].size())];
-             both([&](auto &s) { s.remove(id); });
+             id = M.entries[2][pick(M.entries[2].size())];
+             both([&](auto &s) { s.remove(id, false); });
              return fmt("process, remove rec %u", id);
          }},
     };
@@ -1420,7 +1064,7 @@ std::string run_sequence(uint64_t seed)
 
     size_t count = 40 + pick(200);
     for (size_t n = 0; n < count; n++) {
-        both([](auto &s) { s.budget = 6; });
+        M.budget = R.budget = 6;
         int w = static_cast<int>(pick(static_cast<size_t>(total)));
         size_t o = 0; /* with no record to change, the first: create */
         while (!live().empty() && w >= ops[o].weight)
@@ -1435,17 +1079,19 @@ std::string run_sequence(uint64_t seed)
     }
 
     /* The end: close the snapshot, delete every record, and count references. */
-    both([](auto &s) { s.budget = 6; });
-    if (model.active)
-        both([](auto &s) { s.discard(); });
-    for (uint32_t id : live()) {
-        int k = model.recs[id].kind;
-        if (kinds[k].del >= 0 && !model.recs[id].set[kinds[k].del])
-            both([&](auto &s) { s.flag_set(id, kinds[k].del, 1); });
+    M.budget = R.budget = 6;
+    if (M.active) {
+        M.discard();
+        zor_reg_discard_snapshot(R.ds);
+    }
+    for (uint32_t i : live()) {
+        int del = kinds[M.recs[i].kind].del;
+        if (del >= 0 && !M.recs[i].set[del])
+            both([&](auto &s) { s.set(i, del, &one); });
     }
     both([](auto &s) { s.process(); });
-    for (uint32_t id : std::vector<uint32_t>(model.entries[2]))
-        both([&](auto &s) { s.remove(id); });
+    for (uint32_t i : std::vector<uint32_t>(M.entries[2]))
+        both([&](auto &s) { s.remove(i, false); });
     diff = compare("final removal", true, true);
     real_side = nullptr;
     return diff;
