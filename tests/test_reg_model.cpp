@@ -1,11 +1,9 @@
 /*
- * The registry against a reference model of its contract, written with plain
- * containers. Seeded random sequences of operations (records, fields, flags,
- * triggers, registrations, notifiers, deletions, snapshots, processing) run on
- * both; every callback is logged in one format and the logs are compared in
- * order, and after each step the reads, the registration states, the queueing
- * invariant and the references held by a counted value type. Update callbacks
- * fail now and then and change records themselves.
+ * The registry against a plain-container model of its contract, on seeded
+ * random sequences of operations. Both sides log every callback in one format;
+ * after each step the logs, the reads, the registration states, the queueing
+ * invariant and the references held by a counted value type are compared.
+ * Update callbacks fail now and then and change records themselves.
  * CTest runs ZOR_MODEL_COUNT seeds; by hand: test_reg_model --seed S --count N
  */
 #include "zor_test.h"
@@ -16,26 +14,15 @@
 #include <array>
 #include <cstdarg>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <random>
-#include <set>
 
 namespace
 {
 
 int refs[4];      /* references held on counted values 1 to 3 */
 bool refs_broken; /* a count went below zero: a double release */
-
-void int_write(void *dst, const void *src, const zor_datatype_info *)
-{
-    *static_cast<int32_t *>(dst) = src ? *static_cast<const int32_t *>(src) : 0;
-}
-
-int int_cmp(const void *a, const void *b, const zor_datatype_info *)
-{
-    int32_t x = *static_cast<const int32_t *>(a), y = *static_cast<const int32_t *>(b);
-    return x < y ? -1 : x > y;
-}
 
 void counted_free(void *value, const zor_datatype_info *, const zor_reg_field_info *)
 {
@@ -45,12 +32,19 @@ void counted_free(void *value, const zor_datatype_info *, const zor_reg_field_in
     *v = 0;
 }
 
-void counted_write(void *dst, const void *src, const zor_datatype_info *)
+/* Values are int32_t; a type with a free callback holds references. */
+void value_write(void *dst, const void *src, const zor_datatype_info *t)
 {
     int32_t *d = static_cast<int32_t *>(dst);
-    counted_free(d, nullptr, nullptr);
-    if (src != nullptr && (*d = *static_cast<const int32_t *>(src)) != 0)
+    if (t->free != nullptr)
+        t->free(d, t, nullptr);
+    if ((*d = src ? *static_cast<const int32_t *>(src) : 0) != 0 && t->free != nullptr)
         refs[*d]++;
+}
+
+int value_cmp(const void *a, const void *b, const zor_datatype_info *)
+{
+    return *static_cast<const int32_t *>(a) != *static_cast<const int32_t *>(b);
 }
 
 zor_datatype_info make_type(uint64_t size, uint32_t props, bool counted = false)
@@ -58,9 +52,8 @@ zor_datatype_info make_type(uint64_t size, uint32_t props, bool counted = false)
     zor_datatype_info t = {};
     t.size = size;
     t.properties = ZOR_DATATYPE_PROP_FLATTENED | props;
-    t.write = size == 0 ? nullptr : counted ? counted_write : int_write;
-    t.copy = size == 0 ? nullptr : int_write;
-    t.cmp_eq = t.cmp = size == 0 ? nullptr : int_cmp;
+    t.write = size != 0 ? value_write : nullptr;
+    t.cmp_eq = size != 0 ? value_cmp : nullptr;
     t.free = counted ? counted_free : nullptr;
     return t;
 }
@@ -70,45 +63,33 @@ const zor_datatype_info int_t = make_type(4, 0), transient_t = make_type(4, RESE
                         kept_t = make_type(4, NO_RESTORE), counted_t = make_type(4, 0, true),
                         flag_t = make_type(0, 0);
 
+/* A field's type, and its default: NONE, -1 (always) or the flag that gates it. */
+const int NONE = -2;
 struct FieldDef {
     const zor_datatype_info *type;
-    int ctrl; /* the flag that gates the default, -1 for none */
-    bool has_default;
+    int dflt;
 };
 
 struct KindDef {
     std::vector<FieldDef> fields;
-    int del, track; /* delete-pending flag, flag kept by a tracking registration (-1: none) */
+    int del, track; /* delete-pending flag, flag of a tracking registration (-1: none) */
 };
 
 /*
- * Kind 0: a0, actl (default on), a1 (default gated by actl), a2 transient, afl
- * (default gated by afl2), a3 (gated by afl), afl2, a4 counted, a5 transient
- * (gated by afl2), a6 not restored, adel (delete pending), atrk (tracked), a7
- * counted. Kind 1: b0, bfl, b1 (gated by bfl), bdel. Kind 2: c0, cfl, c1
- * counted (gated by cfl), no deletion information: its records leave by the
- * caller's hand, and only it gets level-2 registrations of the caller.
+ * Kind 0: a0, actl, a1, a2 transient, afl, a3, afl2, a4 counted, a5 transient,
+ * a6 not restored, adel (delete pending), atrk (tracked), a7 counted; the
+ * defaults chain a3 -> afl -> afl2. Kind 1: small, with deletion. Kind 2: no
+ * deletion information (the caller removes its records) and the only kind
+ * with level-2 registrations of the caller.
  */
+const std::vector<FieldDef> kind0 = {
+    {&int_t, NONE},  {&flag_t, -1},   {&int_t, 1},        {&transient_t, -1}, {&flag_t, 6},
+    {&int_t, 4},     {&flag_t, NONE}, {&counted_t, NONE}, {&transient_t, 6},  {&kept_t, NONE},
+    {&flag_t, NONE}, {&flag_t, NONE}, {&counted_t, -1}};
 const int NK = 3;
-const KindDef kinds[NK] = {
-    {{{&int_t, -1, false},
-      {&flag_t, -1, true},
-      {&int_t, 1, true},
-      {&transient_t, -1, true},
-      {&flag_t, 6, true},
-      {&int_t, 4, true},
-      {&flag_t, -1, false},
-      {&counted_t, -1, false},
-      {&transient_t, 6, true},
-      {&kept_t, -1, false},
-      {&flag_t, -1, false},
-      {&flag_t, -1, false},
-      {&counted_t, -1, true}},
-     10,
-     11},
-    {{{&int_t, -1, false}, {&flag_t, -1, false}, {&int_t, 1, true}, {&flag_t, -1, false}}, 3, -1},
-    {{{&int_t, -1, false}, {&flag_t, -1, false}, {&counted_t, 1, true}}, -1, -1},
-};
+const KindDef kinds[NK] = {{kind0, 10, 11},
+                           {{{&int_t, NONE}, {&flag_t, NONE}, {&int_t, 1}, {&flag_t, NONE}}, 3, -1},
+                           {{{&int_t, NONE}, {&flag_t, NONE}, {&counted_t, 1}}, -1, -1}};
 const int32_t defaults[13] = {7, 11, 13, 17, 19, 23, 29, 31, 37, 41, 43, 47, 53};
 const int32_t one = 1; /* what sets a flag */
 
@@ -119,11 +100,11 @@ bool is_flag(int k, int f)
 
 bool default_on(int k, int f, const std::vector<bool> &bits)
 {
-    const FieldDef &d = kinds[k].fields[f];
-    return d.has_default && (d.ctrl < 0 || bits[d.ctrl]);
+    int gate = kinds[k].fields[f].dflt;
+    return gate == -1 || (gate >= 0 && bits[gate]);
 }
 
-/* The value fields of a kind, or its flags other than the delete-pending one. */
+/* The value fields of a kind, or its flags but the delete-pending one. */
 std::vector<int> fields_of(int k, bool flags)
 {
     std::vector<int> out;
@@ -212,14 +193,9 @@ struct MRec {
     std::vector<bool> set, snap; /* set bits, now and in the snapshot */
     std::vector<int32_t> val;
     std::map<int, int32_t> backup = {}; /* values before their first change in the snapshot */
-    bool prohibited = false, created = false, updated = false, deleted = false;
-    bool created_restore = false, freed = false;
+    bool created = false, updated = false, deleted = false, created_restore = false;
+    bool freed = false;
 };
-
-bool pending(const MRec &r)
-{
-    return kinds[r.kind].del >= 0 && r.set[kinds[r.kind].del];
-}
 
 struct Model : Side<Model> {
     std::vector<MRec> recs;
@@ -261,8 +237,8 @@ struct Model : Side<Model> {
         regs[k].push_back({level, !(flags & ZOR_REG_NO_CTRL_FLAGS), removal, invert != 0, track,
                            std::vector<bool>(kinds[k].fields.size())});
         MReg &g = regs[k].back();
-        for (int field : fields) /* the field, and its control flags when followed */
-            for (int f = field; f >= 0; f = g.follow_ctrl ? kinds[k].fields[f].ctrl : -1)
+        for (int field : fields) /* the field, and the flags gating its default when followed */
+            for (int f = field; f >= 0; f = g.follow_ctrl ? kinds[k].fields[f].dflt : -1)
                 if (!g.watched[f]) {
                     g.watched[f] = true;
                     if (watchers[k][f].empty())
@@ -309,15 +285,20 @@ struct Model : Side<Model> {
                 log.push_back(fmt("%c%d rec=%u", type, n[1], id));
     }
 
+    bool pending(uint32_t id) const
+    {
+        int del = kinds[recs[id].kind].del;
+        return del >= 0 && recs[id].set[del];
+    }
+
     void entry_changed(int f, uint32_t id)
     {
-        const MRec &r = recs[id];
-        EXPECT_FALSE(r.prohibited) << "the driver changed a record under removal";
-        for (uint32_t g : watchers[r.kind][f]) {
-            std::vector<uint32_t> &b = regs[r.kind][g].bucket[active_part[regs[r.kind][g].level]];
-            if (!pending(r) && std::find(b.begin(), b.end(), id) == b.end()) {
+        int k = recs[id].kind;
+        for (uint32_t g : watchers[k][f]) {
+            std::vector<uint32_t> &b = regs[k][g].bucket[active_part[regs[k][g].level]];
+            if (!pending(id) && std::find(b.begin(), b.end(), id) == b.end()) {
                 b.push_back(id);
-                queue_reg(r.kind, g);
+                queue_reg(k, g);
             }
         }
     }
@@ -325,7 +306,7 @@ struct Model : Side<Model> {
     void notify(uint32_t id, int f, int is_set, const std::string &value)
     {
         const MRec &r = recs[id];
-        if (f == kinds[r.kind].del) /* the data store's notifier on it comes first */
+        if (f == kinds[r.kind].del) /* the data store's own notifier comes first */
             for (auto it = watched_order[r.kind].rbegin(); it != watched_order[r.kind].rend(); ++it)
                 if (r.set[*it] || default_on(r.kind, *it, r.set))
                     entry_changed(*it, id);
@@ -335,22 +316,14 @@ struct Model : Side<Model> {
                                   is_set, value.c_str(), read(id, f, 1).c_str()));
     }
 
-    void update_bit(MRec &r, int f, bool v)
-    {
-        r.set[f] = v;
-        if (!active)
-            r.snap[f] = v;
-    }
-
     uint32_t create(int k)
     {
         uint32_t id = static_cast<uint32_t>(recs.size());
         size_t n = kinds[k].fields.size();
         recs.push_back({k, std::vector<bool>(n), std::vector<bool>(n), std::vector<int32_t>(n)});
-        if (active) {
-            recs[id].created = true;
+        recs[id].created = active;
+        if (active)
             created_list.push_back(id);
-        }
         entries[k].push_back(id);
         log_rec('C', id);
         return id;
@@ -364,21 +337,21 @@ struct Model : Side<Model> {
         if (was == is && (!is || flag || r.val[f] == *v))
             return;
         notify(id, f, is, !is ? "-" : flag ? "place" : std::to_string(*v));
-        if (active && !r.created && !r.updated) {
-            r.updated = true;
+        if (active && !r.created && !r.updated)
             updated_list.push_back(id);
-        }
+        r.updated |= active && !r.created;
         uint32_t props = kinds[r.kind].fields[f].type->properties;
-        if (is && !flag) {
-            if (active && !(props & RESET) && !r.created && r.snap[f] && !r.backup.count(f))
-                r.backup[f] = r.val[f];
+        if (is && !flag && active && !(props & RESET) && !r.created && r.snap[f])
+            r.backup.insert({f, r.val[f]}); /* kept from the first change */
+        if (is && !flag)
             r.val[f] = *v;
-        } else if (!is && (props & RESET)) {
+        else if (!is && (props & RESET))
             r.val[f] = 0;
-        }
         entry_changed(f, id);
         if (was != is) /* bits change with the set state only */
-            update_bit(r, f, is);
+            r.set[f] = is;
+        if (was != is && !active)
+            r.snap[f] = is;
     }
 
     /* The kind's unlink and free callbacks log; a kind without them is freed by the caller. */
@@ -395,17 +368,16 @@ struct Model : Side<Model> {
         log_rec('D', id);
         std::vector<uint32_t> &e = entries[recs[id].kind];
         e.erase(std::find(e.begin(), e.end(), id));
-        if (keep)
-            recs[id].deleted = true;
-        else
+        recs[id].deleted = keep;
+        if (!keep)
             unlink_and_free(id);
     }
 
-    bool deleting(const MReg &g, const MRec &r) const
+    bool deleting(const MReg &g, uint32_t id) const
     {
         for (size_t f = 0; f < g.watched.size(); f++)
-            if (g.watched[f] && r.set[f])
-                return pending(r);
+            if (g.watched[f] && recs[id].set[f])
+                return pending(id);
         return true;
     }
 
@@ -422,24 +394,20 @@ struct Model : Side<Model> {
             if (!go)
                 return;
             ids.clear();
-            for (uint32_t rid : entries[k])
-                if (!deleting(g, recs[rid]))
-                    ids.push_back(rid);
+            std::copy_if(entries[k].begin(), entries[k].end(), std::back_inserter(ids),
+                         [&](uint32_t rid) { return !deleting(g, rid); });
             pass = 0;
         }
         last_deliveries++;
         std::vector<uint32_t> set, del;
         for (uint32_t rid : ids) {
-            bool d = deleting(g, recs[rid]);
-            if (g.track >= 0) {
+            bool d = deleting(g, rid);
+            if (g.track >= 0)
                 this->set(rid, g.track, d != g.invert ? &one : nullptr);
-            } else if (g.removal) {
-                EXPECT_TRUE(d);
-                recs[rid].prohibited = true;
+            else if (g.removal)
                 remove(rid, active || recs[rid].created_restore);
-            } else {
+            else
                 (d ? del : set).push_back(rid);
-            }
         }
         g.failed = !g.removal && g.track < 0 &&
                    !delivered(k, id, resync, ids.size(), pass, active, set, del);
@@ -468,79 +436,71 @@ struct Model : Side<Model> {
         }
     }
 
-    void take()
+    /* how: 0 take, 1 discard, 2 restore */
+    void snapshot(int how)
     {
         process();
-        active = true;
-    }
-
-    void discard()
-    {
-        process();
-        active = false;
-        std::vector<uint32_t> order = updated_list;
-        order.insert(order.end(), created_list.begin(), created_list.end());
-        for (uint32_t id : order)
-            if (recs[id].deleted)
-                log.push_back(fmt("X rec=%u", id));
-        for (uint32_t id : order) {
-            MRec &r = recs[id];
-            if (r.deleted)
-                log.push_back(fmt("F rec=%u", id));
-            r.freed = r.deleted;
-            r.updated = r.created = false;
-            r.snap = r.set;
-            r.backup.clear();
-        }
-        updated_list.clear();
-        created_list.clear();
-    }
-
-    void restore()
-    {
-        process();
-        active = false;
-        for (uint32_t id : updated_list) {
-            MRec &r = recs[id];
-            r.prohibited = r.updated = false;
-            if (r.deleted) { /* back in its kind */
-                entries[r.kind].push_back(id);
-                log_rec('C', id);
-                r.deleted = false;
-            }
-            r.set[kinds[r.kind].del] = false;
-            std::map<int, int32_t> backup;
-            backup.swap(r.backup);
-            for (auto &[f, v] : backup)
-                if (!(kinds[r.kind].fields[f].type->properties & NO_RESTORE))
-                    set(id, f, &v);
-            for (int f = 0; f < static_cast<int>(r.set.size()); f++) {
-                const zor_datatype_info *type = kinds[r.kind].fields[f].type;
-                bool snap = r.snap[f];
-                if (snap == r.set[f] || (type->properties & NO_RESTORE))
-                    continue;
-                notify(id, f, snap,
-                       !snap                ? "-"
-                       : is_flag(r.kind, f) ? "place"
-                                            : std::to_string(r.val[f]));
-                if (type->write && (type->properties & RESET))
-                    r.val[f] = 0;
-                entry_changed(f, id);
-                update_bit(r, f, snap);
+        active = how == 0;
+        if (how == 1) {
+            std::vector<uint32_t> order = updated_list;
+            order.insert(order.end(), created_list.begin(), created_list.end());
+            for (uint32_t id : order)
+                if (recs[id].deleted)
+                    log.push_back(fmt("X rec=%u", id));
+            for (uint32_t id : order) {
+                MRec &r = recs[id];
+                if (r.deleted)
+                    log.push_back(fmt("F rec=%u", id));
+                r.freed = r.deleted;
+                r.updated = r.created = false;
+                r.snap = r.set;
+                r.backup.clear();
             }
         }
-        for (uint32_t id : created_list) { /* records created in the snapshot go */
-            recs[id].created_restore = true;
-            if (!recs[id].deleted)
-                set(id, kinds[recs[id].kind].del, &one);
+        if (how == 2) /* the records changed in the snapshot get their values back */
+            for (uint32_t id : updated_list) {
+                MRec &r = recs[id];
+                r.updated = false;
+                if (r.deleted) { /* back in its kind */
+                    entries[r.kind].push_back(id);
+                    log_rec('C', id);
+                    r.deleted = false;
+                }
+                r.set[kinds[r.kind].del] = false;
+                std::map<int, int32_t> backup;
+                backup.swap(r.backup);
+                for (auto &[f, v] : backup)
+                    if (!(kinds[r.kind].fields[f].type->properties & NO_RESTORE))
+                        set(id, f, &v);
+                for (int f = 0; f < static_cast<int>(r.set.size()); f++) {
+                    const zor_datatype_info *type = kinds[r.kind].fields[f].type;
+                    bool snap = r.snap[f];
+                    if (snap == r.set[f] || (type->properties & NO_RESTORE))
+                        continue;
+                    notify(id, f, snap,
+                           !snap                ? "-"
+                           : is_flag(r.kind, f) ? "place"
+                                                : std::to_string(r.val[f]));
+                    if (type->write && (type->properties & RESET))
+                        r.val[f] = 0;
+                    entry_changed(f, id);
+                    r.set[f] = snap;
+                }
+            }
+        if (how == 2) { /* records created in the snapshot go */
+            for (uint32_t id : created_list) {
+                recs[id].created_restore = true;
+                if (!recs[id].deleted)
+                    set(id, kinds[recs[id].kind].del, &one);
+            }
+            process();
+            for (uint32_t id : created_list)
+                unlink_and_free(id);
         }
-        process();
-        for (uint32_t id : created_list) {
-            EXPECT_TRUE(recs[id].deleted);
-            unlink_and_free(id);
+        if (how != 0) {
+            updated_list.clear();
+            created_list.clear();
         }
-        updated_list.clear();
-        created_list.clear();
     }
 
     /* References the counted values should hold: stored in unfreed records, or backed up. */
@@ -610,9 +570,9 @@ struct Real : Side<Real> {
                     zor_reg_db_rec_add_field(infos[k], d.type == &flag_t ? 0 : at, d.type));
             }
             for (size_t f = 0; f < fields[k].size(); f++) {
-                int ctrl = kinds[k].fields[f].ctrl;
-                if (kinds[k].fields[f].has_default)
-                    zor_reg_db_field_set_default(fields[k][f], ctrl < 0 ? nullptr : fields[k][ctrl],
+                int gate = kinds[k].fields[f].dflt;
+                if (gate != NONE)
+                    zor_reg_db_field_set_default(fields[k][f], gate < 0 ? nullptr : fields[k][gate],
                                                  &defaults[f]);
             }
             if (kinds[k].del >= 0)
@@ -768,6 +728,13 @@ struct Real : Side<Real> {
         EXPECT_EQ(zor_reg_in_cb_processing, 0u);
     }
 
+    void snapshot(int how)
+    {
+        (how == 0   ? zor_reg_take_snapshot
+         : how == 1 ? zor_reg_discard_snapshot
+                    : zor_reg_restore_snapshot)(ds);
+    }
+
     /* Read i of a field: 0 get, 1 explicit, 2 snapshot get, 3 snapshot explicit. */
     std::string read(uint32_t id, int f, int i)
     {
@@ -795,26 +762,24 @@ struct Real : Side<Real> {
             for (zor_reg_rec_update *r : regs[k]) {
                 zor_reg_level *l = &ds->levels[r->level];
                 zor_partition_bucket *mine = &r->buckets[l->active], *b;
+                zor_reg_entry *e;
                 bool chained = false;
                 ZOR_PARTITION_BUCKETS_FOREACH (&l->parts[l->active], b)
                     chained |= b == mine;
-                if (chained != (r->in_partition != 0))
-                    return fmt("reg %d/%u: bucket chained %d, in_partition %u", k, r->id, chained,
-                               r->in_partition);
-                std::set<uint32_t> in_bucket;
-                zor_reg_entry *e;
+                std::vector<uint32_t> in_bucket, queued;
                 if (chained)
                     ZOR_PARTITION_BUCKET_FOREACH (mine, e)
-                        if (!in_bucket.insert(id_of(e)).second)
-                            return fmt("reg %d/%u: rec %u twice in its bucket", k, r->id, id_of(e));
-                for (uint32_t id = 0; id < blocks.size(); id++) {
-                    bool queued =
-                        blocks[id] != nullptr && rec(id)->kind == k &&
-                        zor_reg_bit_get(zor_reg_entry_queued_bits(blocks[id], infos[k]), r->id);
-                    if (queued != (in_bucket.count(id) != 0))
-                        return fmt("reg %d/%u: rec %u queued bit %d, in its bucket %d", k, r->id,
-                                   id, queued, !queued);
-                }
+                        in_bucket.push_back(id_of(e));
+                for (uint32_t id = 0; id < blocks.size(); id++)
+                    if (blocks[id] != nullptr && rec(id)->kind == k &&
+                        zor_reg_bit_get(zor_reg_entry_queued_bits(blocks[id], infos[k]), r->id))
+                        queued.push_back(id);
+                std::sort(in_bucket.begin(), in_bucket.end());
+                if (chained != (r->in_partition != 0) || in_bucket != queued)
+                    return fmt("queueing of reg %d/%u: chained %d, in_partition %u, in bucket %s, "
+                               "queued %s",
+                               k, r->id, chained, r->in_partition, ids_text(in_bucket).c_str(),
+                               ids_text(queued).c_str());
             }
         return "";
     }
@@ -878,28 +843,26 @@ std::string run_sequence(uint64_t seed)
     };
 
     /* After each operation: logs, state, queueing, deliveries of a processing call, references. */
-    size_t seen = 0;
-    auto compare = [&](const std::string &op, bool processed, bool last) -> std::string {
+    auto compare = [&](const std::string &op, bool processed, bool last) {
         std::string want = M.expected_refs(), got = fmt("%d %d %d", refs[1], refs[2], refs[3]);
-        std::string problem = M.log != R.log ? "logs differ" : state_diff(M, R);
-        if (problem.empty() && !(problem = R.queue_problem()).empty())
-            problem = "queueing: " + problem;
-        else if (problem.empty() && processed && zor_reg_cb_trace_count != M.last_deliveries)
+        auto [m, r] = std::mismatch(M.log.begin(), M.log.end(), R.log.begin(), R.log.end());
+        std::string problem =
+            m != M.log.end() || r != R.log.end()
+                ? fmt("log %zu: model \"%s\", real \"%s\"", m - M.log.begin(),
+                      m != M.log.end() ? m->c_str() : "", r != R.log.end() ? r->c_str() : "")
+                : state_diff(M, R);
+        if (problem.empty())
+            problem = R.queue_problem();
+        if (problem.empty() && processed && zor_reg_cb_trace_count != M.last_deliveries)
             problem = fmt("trace count %u, model %u", zor_reg_cb_trace_count, M.last_deliveries);
-        else if (problem.empty() && refs_broken)
+        if (problem.empty() && refs_broken)
             problem = "a reference was released twice";
-        else if (problem.empty() && (want != got || (last && got != "0 0 0")))
+        if (problem.empty() && (want != got || (last && got != "0 0 0")))
             problem = "references held: model " + want + ", real " + got;
-        if (problem.empty()) {
-            seen = std::min(M.log.size(), R.log.size());
-            return "";
-        }
-        std::string out = fmt("seed %llu: %s, after: %s\n", static_cast<unsigned long long>(seed),
-                              problem.c_str(), op.c_str());
-        for (size_t i = seen; i < std::max(M.log.size(), R.log.size()) && i < seen + 60; i++)
-            out += fmt("  model: %-70s real: %s\n", i < M.log.size() ? M.log[i].c_str() : "",
-                       i < R.log.size() ? R.log[i].c_str() : "");
-        return out;
+        return problem.empty()
+                   ? problem
+                   : fmt("seed %llu, after %s: %s", static_cast<unsigned long long>(seed),
+                         op.c_str(), problem.c_str());
     };
 
     /*
@@ -959,10 +922,6 @@ std::string run_sequence(uint64_t seed)
         return flags[pick(flags.size())];
     };
     int notifiers = 0;
-    static void (Model::*const model_snapshot[])() = {&Model::take, &Model::discard,
-                                                      &Model::restore};
-    static void (*const real_snapshot[])(zor_reg_ds *) = {
-        zor_reg_take_snapshot, zor_reg_discard_snapshot, zor_reg_restore_snapshot};
 
     /* The operations with their weights; each says what it did, or nothing if it did not apply. */
     struct Op {
@@ -1043,8 +1002,7 @@ std::string run_sequence(uint64_t seed)
          [&]() {
              bool discard = pick(3) == 0;
              int how = !M.active ? 0 : discard ? 1 : 2;
-             (M.*model_snapshot[how])();
-             real_snapshot[how](R.ds);
+             both([&](auto &s) { s.snapshot(how); });
              return fmt("snapshot op %d", how);
          }},
         /* Removal by the caller, for the kind without deletion information. */
@@ -1080,10 +1038,8 @@ std::string run_sequence(uint64_t seed)
 
     /* The end: close the snapshot, delete every record, and count references. */
     M.budget = R.budget = 6;
-    if (M.active) {
-        M.discard();
-        zor_reg_discard_snapshot(R.ds);
-    }
+    if (M.active)
+        both([](auto &s) { s.snapshot(1); });
     for (uint32_t i : live()) {
         int del = kinds[M.recs[i].kind].del;
         if (del >= 0 && !M.recs[i].set[del])
