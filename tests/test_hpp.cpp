@@ -1,7 +1,6 @@
 /*
- * The C++ interface (zor.hpp) against the C calls it stands for: record layout, values, defaults
- * and deliveries against a model, transactions, callable lifetimes, exceptions at the C
- * boundary, ranges, JSON writer, tokenizer, buffer and strings.
+ * The C++ interface (zor.hpp) against the C calls it stands for: record layout, a model of values
+ * and deliveries, transactions, callables, exceptions, ranges, JSON, tokens, buffer, strings.
  */
 #include "zor_test.h"
 #include "zor.hpp"
@@ -23,9 +22,6 @@ struct rec {
     int32_t a;
     uint32_t b;
     zor_string_id s;
-};
-struct narrow {
-    uint8_t x;
 };
 struct wide {
     char c;
@@ -61,38 +57,27 @@ struct fixture {
 
 } // namespace
 
-/* Records sit aligned after the entry header, zeroed, their bits after them untouched by values. */
+/* Records sit aligned after the entry header, zeroed; values never reach the bits after them. */
 TEST(Hpp, LayoutFollowsTheStruct)
 {
     zor::datatypes types;
-    auto t = types.add("t", {{"u8", "uint", 1}, {"m16", "mem", 16}});
     zor::schema schema(types);
-    auto kn = schema.add_kind<narrow>();
     auto kw = schema.add_kind<wide>();
-    auto x = kn.field(&narrow::x, t[0]);
-    auto wb = kw.field(&wide::bytes, t[1]);
+    auto wb = kw.field(&wide::bytes, types.add("t", {{"m16", "mem", 16}})[0]);
     EXPECT_EQ(wb.get()->offset, offsetof(wide, bytes));
     zor::store st(schema);
     int delivered = 0; /* nine registrations: two bytes of queued bits in every block */
     for (int i = 0; i < 9; i++)
         st.watch(kw, {wb}, [&](zor::batch<wide> &bt) { delivered += bt.size(); }).enable();
     st.process();
-    auto check = [&](auto k, auto *r) {
-        using R = std::remove_pointer_t<decltype(r)>;
-        const zor_reg_rec_info *info = k.get();
-        EXPECT_EQ(reinterpret_cast<uintptr_t>(r) % alignof(R), 0u);
-        EXPECT_EQ(info->bitfield_offset, info->rec_offset + sizeof(R));
-        const auto *bytes = reinterpret_cast<const unsigned char *>(r);
-        EXPECT_EQ(std::count(bytes, bytes + sizeof(R), 0), static_cast<long>(sizeof(R)));
-    };
+    const zor_reg_rec_info *info = kw.get();
+    unsigned char v[16];
+    memset(v, 0xff, sizeof(v));
     for (int i = 0; i < 5; i++) {
-        narrow *n = st.create(kn);
-        check(kn, n);
-        x.set(*n, 0xff);
         wide *w = st.create(kw);
-        check(kw, w);
-        unsigned char v[16];
-        memset(v, 0xff, sizeof(v));
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(w) % alignof(wide), 0u);
+        EXPECT_EQ(info->bitfield_offset, info->rec_offset + sizeof(wide));
+        EXPECT_EQ(std::count(w->bytes, w->bytes + 16, 0), 16);
         wb.set(*w, v);
     }
     st.process();
@@ -363,28 +348,11 @@ TEST(HppDeathTest, BrokenRulesStop)
              st.create(f.k);
              st.watch(f.k, {f.a}, [](zor::batch<rec> &) {});
          }},
-        {"add_kind", "!schema_has_store", [](fixture &f, auto &) { f.schema.add_kind<narrow>(); }},
+        {"add_kind", "!schema_has_store", [](fixture &f, auto &) { f.schema.add_kind<rec>(); }},
         {"check_open", "!schema_has_store", [](fixture &f, auto &) { f.k.flag(); }},
         {"field", "type->size == sizeof(T)",
          [](fixture &f, auto &) {
              zor::schema(f.types).add_kind<rec>().field(&rec::s, f.types.flag());
-         }},
-        {"~store_state", "!transaction_open",
-         [](fixture &f, auto &) {
-             zor::store other(f.schema);
-             zor_reg_take_snapshot(other.get());
-         }},
-        {"commit", "s != ((void *)0)",
-         [](fixture &, zor::store &st) {
-             zor::transaction t(st);
-             t.commit();
-             t.commit();
-         }},
-        {"rollback", "s != ((void *)0)",
-         [](fixture &, zor::store &st) {
-             zor::transaction t(st);
-             t.rollback();
-             t.rollback();
          }},
     };
     for (const Case &c : cases) {
@@ -402,23 +370,21 @@ TEST(Hpp, RangesWalkOnceWithLookAhead)
 {
     struct node {
         zor_list_link link;
-        int v;
-    };
-    node nodes[3] = {{{}, 0}, {{}, 1}, {{}, 2}};
+    } nodes[3];
     zor_list list;
     zor_list_init(&list, offsetof(node, link));
     for (node &n : nodes)
         zor_list_append(&list, &n);
     zor_list_iter_state st;
     zor::iter<node> it([&](zor_iter *i) { return zor_list_iterator(i, &st, &list); });
-    std::vector<int> seen;
+    std::vector<node *> seen;
     for (node &n : it) {
-        seen.push_back(n.v);
+        seen.push_back(&n);
         zor_list_remove(&list, &n); /* the walk has fetched the next one already */
     }
     for (node &n : it)
-        seen.push_back(n.v); /* walked once only */
-    EXPECT_EQ(seen, (std::vector<int>{0, 1, 2}));
+        seen.push_back(&n); /* walked once only */
+    EXPECT_EQ(seen, (std::vector<node *>{&nodes[0], &nodes[1], &nodes[2]}));
 }
 
 /* Values through zor::json read as the C writer's with the matching formats. */
@@ -522,13 +488,11 @@ TEST(Hpp, BufferAndStrings)
     zor::buffer moved(std::move(b));
     const std::string want =
         std::to_string(INT64_MIN) + " 0.1 1e+300 true" + std::string(5000, 'x');
-    EXPECT_EQ(moved.str(), want);
     EXPECT_EQ(moved.size(), want.size());
     moved.consume(10);
     b = std::move(moved);
     EXPECT_EQ(b.str(), want.substr(10));
-    std::string with_nul("a\0b", 3);
-    EXPECT_EQ(zor::to_view(zor::to_str(with_nul)), with_nul);
+    EXPECT_EQ(zor::to_view(zor::to_str(std::string_view("a\0b", 3))), std::string_view("a\0b", 3));
     EXPECT_NE(zor::to_str(std::string_view()).ptr, nullptr);
     zor::datatypes types;
     const uint32_t before = live_strings();

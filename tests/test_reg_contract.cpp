@@ -405,7 +405,10 @@ TEST(RegContract, BlockLayoutAndGrowth)
         kinds.push_back(k);
     }
     /* Each store adds a byte of queued bits with its 1st and its 9th update registration. */
-    zor_reg_ds *one = zor_reg_ds_init(&db, nullptr), *two = zor_reg_ds_init(&db, nullptr);
+    zor_reg_ds *one = zor_reg_ds_init(&db, nullptr);
+    zor_reg_field_info **listed = kinds[1]->clear_on_destroy; /* the fields to free, once */
+    zor_reg_ds *two = zor_reg_ds_init(&db, nullptr);
+    EXPECT_EQ(kinds[1]->clear_on_destroy, listed);
     for (int i = 1; i <= 9; i++) {
         zor_register_rec_update(one, kinds[2], 0, on_update, nullptr);
         EXPECT_EQ(zor_reg_rec_size(one, kinds[2]), 92u + (i + 7) / 8) << i;
@@ -614,6 +617,10 @@ TEST(RegContract, RecordCreatedDuringASnapshot)
             zor_reg_flag_set(r, s.del, 1);
         zor_reg_process(s.ds);
         EXPECT_EQ(trace[0], "C2/2");
+        if (c.deleted) { /* deleted during the snapshot: absent to the plain getters */
+            EXPECT_EQ(zor_reg_field_get(r, s.a), nullptr);
+            EXPECT_EQ(zor_reg_flag_get(r, s.del) + zor_reg_flag_get_explicit(r, s.del), 0);
+        }
         trace.clear();
         c.restore ? zor_reg_restore_snapshot(s.ds) : zor_reg_discard_snapshot(s.ds);
         EXPECT_EQ(trace, c.expected) << c.deleted << c.restore;
