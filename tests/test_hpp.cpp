@@ -1,8 +1,6 @@
 /*
- * The C++ interface (zor.hpp): record layout, typed values and defaults
- * against a model, deliveries and notifiers, transactions, callable
- * lifetimes, exceptions at the C boundary, ranges, JSON writer, tokenizer
- * and buffer against the C calls they stand for.
+ * The C++ interface (zor.hpp) against the C calls it stands for: record layout, a model of values
+ * and deliveries, transactions, callables, exceptions, ranges, JSON, tokens, buffer, strings.
  */
 #include "zor_test.h"
 #include "zor.hpp"
@@ -10,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <optional>
 #include <random>
@@ -23,9 +22,6 @@ struct rec {
     int32_t a;
     uint32_t b;
     zor_string_id s;
-};
-struct narrow {
-    uint8_t x;
 };
 struct wide {
     char c;
@@ -61,45 +57,29 @@ struct fixture {
 
 } // namespace
 
+/* Records sit aligned after the entry header, zeroed; values never reach the bits after them. */
 TEST(Hpp, LayoutFollowsTheStruct)
 {
     zor::datatypes types;
-    auto t = types.add("t", {{"u8", "uint", 1}, {"m16", "mem", 16}});
     zor::schema schema(types);
-    auto kr = schema.add_kind<rec>();
-    auto kn = schema.add_kind<narrow>();
     auto kw = schema.add_kind<wide>();
-    EXPECT_EQ(kr.field(&rec::s, types.str()).get()->offset, offsetof(rec, s));
-    EXPECT_EQ(kn.field(&narrow::x, t[0]).get()->offset, offsetof(narrow, x));
-    auto wb = kw.field(&wide::bytes, t[1]);
+    auto wb = kw.field(&wide::bytes, types.add("t", {{"m16", "mem", 16}})[0]);
     EXPECT_EQ(wb.get()->offset, offsetof(wide, bytes));
     zor::store st(schema);
-    /* Nine registrations: two bytes of queued bits in every block. */
-    int delivered = 0;
+    int delivered = 0; /* nine registrations: two bytes of queued bits in every block */
     for (int i = 0; i < 9; i++)
         st.watch(kw, {wb}, [&](zor::batch<wide> &bt) { delivered += bt.size(); }).enable();
     st.process();
-    auto check = [&](auto k, auto *r) {
-        using R = std::remove_pointer_t<decltype(r)>;
-        const zor_reg_rec_info *info = k.get();
-        EXPECT_EQ(reinterpret_cast<uintptr_t>(r) % alignof(R), 0u);
-        EXPECT_GE(info->rec_offset, sizeof(zor_reg_entry));
-        EXPECT_EQ(info->bitfield_offset, info->rec_offset + sizeof(R));
-        auto *e = reinterpret_cast<zor_reg_entry *>(reinterpret_cast<char *>(r) - info->rec_offset);
-        EXPECT_EQ(zor_reg_rec(e), r);
-        EXPECT_EQ(zor_reg_db_rec_info(e), info);
-        const auto *bytes = reinterpret_cast<const unsigned char *>(r);
-        EXPECT_EQ(std::count(bytes, bytes + sizeof(R), 0), static_cast<long>(sizeof(R)));
-    };
+    const zor_reg_rec_info *info = kw.get();
+    unsigned char v[16];
+    memset(v, 0xff, sizeof(v));
     for (int i = 0; i < 5; i++) {
-        check(kr, st.create(kr));
-        check(kn, st.create(kn));
         wide *w = st.create(kw);
-        check(kw, w);
-        unsigned char v[16] = {static_cast<unsigned char>(i + 1)};
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(w) % alignof(wide), 0u);
+        EXPECT_EQ(info->bitfield_offset, info->rec_offset + sizeof(wide));
+        EXPECT_EQ(std::count(w->bytes, w->bytes + 16, 0), 16);
         wb.set(*w, v);
     }
-    EXPECT_EQ(st.count(kw), 5u);
     st.process();
     EXPECT_EQ(delivered, 45);
 }
@@ -110,13 +90,12 @@ TEST(Hpp, ValuesDefaultsDeliveriesMatchAModel)
     struct model {
         std::optional<int32_t> a;
         std::optional<uint32_t> b;
-        bool on = false, g_set = false, g = false, removed = false;
+        bool on = false, g_set = false, removed = false;
     };
     fixture f;
     zor::store st(f.schema);
     std::map<rec *, model> m;
-    std::map<rec *, bool> delivered; /* record -> deleting */
-    std::set<rec *> queued;
+    std::map<rec *, bool> delivered, expected; /* record -> deleting */
     int notified = 0, expected_notified = 0, deleted = 0, removed = 0, batches = 0;
     const int32_t *last_a = nullptr;
     st.on_change(f.a, [&](rec &r, const int32_t *v) {
@@ -128,35 +107,32 @@ TEST(Hpp, ValuesDefaultsDeliveriesMatchAModel)
         EXPECT_TRUE(m[&r].removed);
         deleted++;
     });
-    st.watch(f.k, {f.b},
-             [&](zor::batch<rec> &bt) { /* watches b and, through it, on */
-                                        EXPECT_FALSE(bt.resync());
-                                        if (++batches % 2) {
-                                            for (auto u : bt) {
-                                                EXPECT_EQ(u.removed(), m[&u.rec].removed);
-                                                EXPECT_TRUE(
-                                                    delivered.emplace(&u.rec, u.deleting()).second);
-                                            }
-                                            return true;
-                                        }
-                                        auto parts = bt.split(); /* the other way to read a batch */
-                                        for (rec &r : parts.present)
-                                            EXPECT_TRUE(delivered.emplace(&r, false).second);
-                                        for (rec &r : parts.deleting)
-                                            EXPECT_TRUE(delivered.emplace(&r, true).second);
-                                        EXPECT_EQ(parts.present_count + parts.deleting_count,
-                                                  bt.size());
-                                        return true;
-             })
-        .enable();
+    auto take =
+        [&](zor::batch<rec> &bt) { /* watches b and, through it, on */
+                                   EXPECT_FALSE(bt.resync());
+                                   if (++batches % 2) {
+                                       for (auto u : bt) {
+                                           EXPECT_EQ(u.removed(), m[&u.rec].removed);
+                                           EXPECT_TRUE(
+                                               delivered.emplace(&u.rec, u.deleting()).second);
+                                       }
+                                       return true;
+                                   }
+                                   auto parts = bt.split(); /* the other way to read a batch */
+                                   for (rec &r : parts.present)
+                                       EXPECT_TRUE(delivered.emplace(&r, false).second);
+                                   for (rec &r : parts.deleting)
+                                       EXPECT_TRUE(delivered.emplace(&r, true).second);
+                                   EXPECT_EQ(parts.present_count + parts.deleting_count, bt.size());
+                                   return true;
+        };
+    st.watch(f.k, {f.b}, take).enable();
     st.process();
     std::mt19937 rng(17);
     std::vector<rec *> recs;
     for (int round = 0; round < 300; round++) {
-        if (recs.size() < 12 || rng() % 8 == 0) {
-            recs.push_back(st.create(f.k));
-            m[recs.back()];
-        }
+        if (recs.size() < 12 || rng() % 8 == 0)
+            m[recs.emplace_back(st.create(f.k))];
         rec *r = recs[rng() % recs.size()];
         model &x = m[r];
         if (x.removed)
@@ -167,8 +143,8 @@ TEST(Hpp, ValuesDefaultsDeliveriesMatchAModel)
             if (rng() % 3)
                 v = static_cast<int32_t>(rng() % 5) - 2;
             v ? f.a.set(*r, *v) : f.a.unset(*r);
-            expected_notified += v != x.a;
             if (v != x.a) {
+                expected_notified++;
                 EXPECT_EQ(last_a ? std::optional<int32_t>(*last_a) : std::nullopt, v);
             }
             x.a = v;
@@ -180,7 +156,7 @@ TEST(Hpp, ValuesDefaultsDeliveriesMatchAModel)
                 v = rng() % 3;
             v ? f.b.set(*r, *v) : f.b.unset(*r);
             if (v != x.b)
-                queued.insert(r);
+                expected[r];
             x.b = v;
             break;
         }
@@ -188,7 +164,7 @@ TEST(Hpp, ValuesDefaultsDeliveriesMatchAModel)
             bool v = rng() % 2;
             f.on.set(*r, v);
             if (v != x.on)
-                queued.insert(r);
+                expected[r];
             x.on = v;
             break;
         }
@@ -198,24 +174,22 @@ TEST(Hpp, ValuesDefaultsDeliveriesMatchAModel)
             break;
         case 4:
             f.on.trigger(*r);
-            queued.insert(r);
+            expected[r];
             break;
         default:
             st.remove(*r);
             x.removed = true;
             removed++;
             if (x.b || x.on) /* re-queued for the fields it has */
-                queued.insert(r);
-            break;
+                expected[r];
         }
         if (rng() % 4 == 0) {
-            std::map<rec *, bool> expected;
-            for (rec *p : queued)
-                expected[p] = m[p].removed || (!m[p].b && !m[p].on);
+            for (auto &[p, del] : expected)
+                del = m[p].removed || (!m[p].b && !m[p].on);
             st.process();
             EXPECT_EQ(delivered, expected);
             delivered.clear();
-            queued.clear();
+            expected.clear();
             for (auto it = m.begin(); it != m.end();) /* removed: freed, the address may recur */
                 it = it->second.removed ? m.erase(it) : std::next(it);
             recs.clear();
@@ -225,7 +199,7 @@ TEST(Hpp, ValuesDefaultsDeliveriesMatchAModel)
                 EXPECT_EQ(f.b.get_explicit(*p) != nullptr, y.b.has_value());
                 EXPECT_EQ(f.b.get_or(*p, 99), y.b ? *y.b : y.on ? 7u : 99u);
                 EXPECT_EQ(f.on.get(*p), y.on);
-                EXPECT_EQ(f.g.get(*p), true);
+                EXPECT_TRUE(f.g.get(*p));
                 EXPECT_EQ(f.g.get_explicit(*p), y.g_set);
             }
         }
@@ -233,10 +207,8 @@ TEST(Hpp, ValuesDefaultsDeliveriesMatchAModel)
     st.process();
     EXPECT_EQ(notified, expected_notified);
     EXPECT_EQ(deleted, removed);
-    uint32_t live = 0;
-    for (auto &[p, y] : m)
-        live += !y.removed;
-    EXPECT_EQ(st.count(f.k), live);
+    EXPECT_EQ(st.count(f.k),
+              std::count_if(m.begin(), m.end(), [](auto &p) { return !p.second.removed; }));
 }
 
 /* A transaction keeps the changes on commit and undoes them otherwise. */
@@ -253,15 +225,9 @@ TEST(Hpp, TransactionsCommitOrRestore)
             return out;
         };
         std::mt19937 rng(3);
-        for (int i = 0; i < 6; i++) {
-            rec *r = st.create(f.k);
-            f.a.set(*r, i);
-            f.s.set(*r, zor::interned("t" + std::to_string(i)).id());
-        }
-        st.process();
         for (int round = 0; round < 40; round++) {
             while (st.count(f.k) < 4)
-                f.a.set(*st.create(f.k), round);
+                f.s.set(*st.create(f.k), zor::interned("t" + std::to_string(round)).id());
             st.process();
             auto before = state();
             std::optional<zor::transaction> t(std::in_place, st);
@@ -293,13 +259,9 @@ TEST(Hpp, TransactionsCommitOrRestore)
             zor::transaction moved(std::move(*t));
             t.reset();
             EXPECT_TRUE(moved.active());
-            if (round % 2) {
-                moved.commit();
-                EXPECT_EQ(state(), after);
-            } else {
-                moved.rollback();
-                EXPECT_EQ(state(), before);
-            }
+            round % 2 ? moved.commit() : moved.rollback();
+            EXPECT_FALSE(moved.active());
+            EXPECT_EQ(state(), round % 2 ? after : before);
         }
     }
     EXPECT_EQ(live_strings(), strings_before); /* the store released every value */
@@ -333,86 +295,96 @@ TEST(Hpp, CallablesLiveAsLongAsTheStore)
     EXPECT_EQ(token.use_count(), 1);
 }
 
-TEST(Hpp, ThrowingUpdateCallbackFailsTheDelivery)
+/*
+ * An update callback that throws fails its delivery; the next process, transaction, commit or
+ * rollback rethrows the exception, once.
+ */
+TEST(Hpp, ThrowingUpdateCallbackIsRethrownOnce)
 {
-    fixture f;
-    zor::store st(f.schema);
-    int calls = 0;
-    auto reg = st.watch(f.k, {f.a}, [&](zor::batch<rec> &bt) {
-        calls++;
-        if (!bt.resync())
-            throw std::runtime_error("bad");
-        return true;
-    });
-    reg.enable();
-    st.process();
-    rec *r = st.create(f.k);
-    f.a.set(*r, 1);
-    EXPECT_THROW(st.process(), std::runtime_error);
-    EXPECT_TRUE(reg.failed());
-    f.a.set(*r, 2);
-    EXPECT_NO_THROW(st.process()); /* failed: dropped, nothing pending */
-    EXPECT_EQ(calls, 1);
-    reg.resync();
-    st.process();
-    EXPECT_EQ(calls, 2);
-    EXPECT_FALSE(reg.failed());
+    using Next = std::function<void(zor::store &, std::optional<zor::transaction> &)>;
+    const Next next[] = {[](zor::store &st, auto &) { st.process(); },
+                         [](zor::store &st, auto &t) { t.emplace(st); },
+                         [](zor::store &, auto &t) { t->commit(); },
+                         [](zor::store &, auto &t) { t->rollback(); }};
+    for (int i = 0; i < 4; i++) {
+        fixture f;
+        zor::store st(f.schema);
+        int calls = 0;
+        auto reg = st.watch(f.k, {f.a}, [&](zor::batch<rec> &bt) {
+            calls++;
+            if (!bt.resync())
+                throw std::runtime_error("bad");
+        });
+        reg.enable();
+        st.process();
+        rec *r = st.create(f.k);
+        std::optional<zor::transaction> t;
+        if (i >= 2)
+            t.emplace(st);
+        f.a.set(*r, 1);
+        EXPECT_THROW(next[i](st, t), std::runtime_error) << i;
+        EXPECT_TRUE(reg.failed());
+        if (st.get()->snapshot_active) /* a throwing constructor leaves its snapshot open */
+            zor_reg_discard_snapshot(st.get());
+        f.a.set(*r, 2);
+        EXPECT_NO_THROW(st.process()); /* failed: dropped, nothing pending */
+        EXPECT_EQ(calls, 1);
+        reg.resync();
+        st.process();
+        EXPECT_EQ(calls, 2);
+        EXPECT_FALSE(reg.failed());
+    }
 }
 
 TEST(HppDeathTest, BrokenRulesStop)
 {
-    fixture f;
+    struct Case {
+        const char *function, *text;
+        std::function<void(fixture &, zor::store &)> run;
+    };
+    const Case cases[] = {
+        {"open_kind", "!kind_has_records",
+         [](fixture &f, zor::store &st) {
+             st.create(f.k);
+             st.watch(f.k, {f.a}, [](zor::batch<rec> &) {});
+         }},
+        {"add_kind", "!schema_has_store", [](fixture &f, auto &) { f.schema.add_kind<rec>(); }},
+        {"check_open", "!schema_has_store", [](fixture &f, auto &) { f.k.flag(); }},
+        {"field", "type->size == sizeof(T)",
+         [](fixture &f, auto &) {
+             zor::schema(f.types).add_kind<rec>().field(&rec::s, f.types.flag());
+         }},
+    };
+    for (const Case &c : cases) {
+        fixture f;
+        zor::store st(f.schema);
+        ZOR_EXPECT_ASSERT(c.run(f, st), c.function, c.text) << c.text;
+    }
+    fixture f; /* a notifier must not throw: the registry cannot undo the change */
     zor::store st(f.schema);
-    st.create(f.k);
-    ZOR_EXPECT_ASSERT(st.watch(f.k, {f.a}, [](zor::batch<rec> &) {}), "open_kind",
-                      "!kind_has_records");
-    ZOR_EXPECT_ASSERT(f.schema.add_kind<narrow>(), "add_kind", "!schema_has_store");
-    ZOR_EXPECT_ASSERT(f.k.flag(), "check_open", "!schema_has_store");
-    zor::datatypes types;
-    zor::schema sc(types);
-    auto k = sc.add_kind<rec>();
-    ZOR_EXPECT_ASSERT(k.field(&rec::a, types.boolean());
-                      k.field(&rec::s, types.flag()), "field", "type->size == sizeof(T)");
-    rec *r = st.create(f.k);
     st.on_change(f.a, [](rec &, const int32_t *) { throw 1; });
-    EXPECT_DEATH(f.a.set(*r, 5), "terminate");
+    EXPECT_DEATH(f.a.set(*st.create(f.k), 5), "terminate");
 }
 
 TEST(Hpp, RangesWalkOnceWithLookAhead)
 {
     struct node {
         zor_list_link link;
-        int v;
-    };
-    node nodes[5] = {};
+    } nodes[3];
     zor_list list;
     zor_list_init(&list, offsetof(node, link));
-    for (int i = 0; i < 5; i++) {
-        nodes[i].v = i;
-        zor_list_append(&list, &nodes[i]);
-    }
-    zor_list_iter_state st1, st2, st3;
-    zor::iter<node> it([&](zor_iter *i) { return zor_list_iterator(i, &st1, &list); });
-    std::vector<int> seen;
+    for (node &n : nodes)
+        zor_list_append(&list, &n);
+    zor_list_iter_state st;
+    zor::iter<node> it([&](zor_iter *i) { return zor_list_iterator(i, &st, &list); });
+    std::vector<node *> seen;
     for (node &n : it) {
-        seen.push_back(n.v);
+        seen.push_back(&n);
         zor_list_remove(&list, &n); /* the walk has fetched the next one already */
     }
-    EXPECT_EQ(seen, (std::vector<int>{0, 1, 2, 3, 4}));
     for (node &n : it)
-        ADD_FAILURE() << "walked twice: " << n.v;
-    for (int i = 0; i < 3; i++)
-        zor_list_append(&list, &nodes[i]);
-    zor::iter<node> first([&](zor_iter *i) { return zor_list_iterator(i, &st2, &list); });
-    zor::iter<node> second([&](zor_iter *i) { return zor_list_iterator(i, &st3, &list); });
-    zor_iter *members[] = {first.get(), second.get()};
-    zor::iter<node> chain([&](zor_iter *i) { return zor_iter_chain_iterator(i, 2, members); });
-    seen.clear();
-    for (node &n : chain)
-        seen.push_back(n.v);
-    EXPECT_EQ(seen, (std::vector<int>{0, 1, 2, 0, 1, 2}));
-    zor::iter<node> none([](zor_iter *) { return 0; });
-    EXPECT_TRUE(none.begin() == none.end());
+        seen.push_back(&n); /* walked once only */
+    EXPECT_EQ(seen, (std::vector<node *>{&nodes[0], &nodes[1], &nodes[2]}));
 }
 
 /* Values through zor::json read as the C writer's with the matching formats. */
@@ -446,16 +418,12 @@ TEST(Hpp, JsonValuesMatchTheCWriter)
     EXPECT_EQ(ours.str(), theirs.str());
 }
 
-size_t piece_len(char c)
-{
-    if (c == '"' || c == '\\' || c == '\n' || c == '\t' || c == '\r')
-        return 2;
-    return static_cast<unsigned char>(c) < 32 ? 6 : 1;
-}
-
 /* Escaped strings decode to the original, cut at an escape boundary within 255 bytes. */
 TEST(Hpp, JsonStringsEscapeAndCutCleanly)
 {
+    auto piece_len = [](unsigned char c) -> size_t {
+        return c == '"' || c == '\\' || c == '\n' || c == '\t' || c == '\r' ? 2 : c < 32 ? 6 : 1;
+    };
     std::mt19937 rng(5);
     for (int round = 0; round < 200; round++) {
         std::string in(rng() % 300, '\0');
@@ -465,23 +433,17 @@ TEST(Hpp, JsonStringsEscapeAndCutCleanly)
         zor::json(out).value(in);
         std::string text = out.str();
         text = text.substr(text.find('"'), text.rfind('"') - text.find('"') + 1);
-        ASSERT_GE(text.size(), 2u);
         ASSERT_LE(text.size(), 257u);
         std::string dec;
         for (size_t i = 1; i + 1 < text.size(); i++) {
             const unsigned char ch = static_cast<unsigned char>(text[i]);
             ASSERT_TRUE(ch >= 32 && ch != '"') << round;
-            if (ch != '\\') {
-                dec += text[i];
-                continue;
-            }
-            const char e = text[++i];
-            if (e == 'u') {
+            const char e = ch == '\\' ? text[++i] : 0;
+            if (e == 'u')
                 dec += static_cast<char>(std::stoi(text.substr(i + 1, 4), nullptr, 16));
-                i += 4;
-            } else {
-                dec += e == 'n' ? '\n' : e == 't' ? '\t' : e == 'r' ? '\r' : e;
-            }
+            i += e == 'u' ? 4 : 0;
+            if (e != 'u')
+                dec += e == 'n' ? '\n' : e == 't' ? '\t' : e == 'r' ? '\r' : e ? e : text[i];
         }
         ASSERT_EQ(dec, in.substr(0, dec.size()));
         if (dec.size() < in.size()) { /* cut only when the next piece would not fit */
@@ -521,46 +483,16 @@ TEST(Hpp, TokensAreTheCTokens)
 
 TEST(Hpp, BufferAndStrings)
 {
-    std::mt19937 rng(9);
     zor::buffer b;
-    std::string model;
-    for (int i = 0; i < 1000; i++) {
-        switch (rng() % 5) {
-        case 0: {
-            int64_t v = static_cast<int64_t>(rng()) * (rng() % 2 ? 1 : -1) * 977;
-            b << v;
-            model += std::to_string(v);
-            break;
-        }
-        case 1: {
-            double d = std::ldexp(static_cast<double>(rng()), static_cast<int>(rng() % 80) - 40);
-            zor::buffer nb;
-            nb << d;
-            std::string t = nb.str();
-            EXPECT_EQ(std::strtod(t.c_str(), nullptr), d); /* round trip */
-            b << d;
-            model += t;
-            break;
-        }
-        case 2:
-            b << 'c' << true;
-            model += "ctrue";
-            break;
-        default: {
-            std::string s(rng() % 300, static_cast<char>('a' + rng() % 26));
-            b << s;
-            model += s;
-        }
-        }
-    }
+    b << INT64_MIN << ' ' << 0.1 << ' ' << 1e300 << ' ' << true << std::string(5000, 'x');
     zor::buffer moved(std::move(b));
-    EXPECT_EQ(moved.str(), model);
-    EXPECT_EQ(moved.size(), model.size());
+    const std::string want =
+        std::to_string(INT64_MIN) + " 0.1 1e+300 true" + std::string(5000, 'x');
+    EXPECT_EQ(moved.size(), want.size());
     moved.consume(10);
     b = std::move(moved);
-    EXPECT_EQ(b.str(), model.substr(10));
-    std::string with_nul("a\0b", 3);
-    EXPECT_EQ(zor::to_view(zor::to_str(with_nul)), with_nul);
+    EXPECT_EQ(b.str(), want.substr(10));
+    EXPECT_EQ(zor::to_view(zor::to_str(std::string_view("a\0b", 3))), std::string_view("a\0b", 3));
     EXPECT_NE(zor::to_str(std::string_view()).ptr, nullptr);
     zor::datatypes types;
     const uint32_t before = live_strings();
