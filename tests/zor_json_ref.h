@@ -200,7 +200,7 @@ template <class Source> struct Gen {
         case 6:
             return call(llongs[below(2)], static_cast<long long>(n));
         case 7:
-            return call("%zu", static_cast<size_t>(n));
+            return call(below(2) ? "%zu" : "%zx", static_cast<size_t>(n)); /* only %zu by hand */
         case 8:
             return call(text(true), 0); /* plain text, "%%" among it */
         case 9:
