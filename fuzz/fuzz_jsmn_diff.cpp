@@ -7,7 +7,11 @@
  * must agree on the result, pos, next_token, super_token, text, capacity,
  * whether the caller's array is still in use, and every byte of the whole
  * token array, also the tokens left from earlier parses. Destroying frees
- * the tokenizer's own array and leaves the caller's.
+ * the tokenizer's own array and leaves the caller's. A successful parse must
+ * also leave a well-formed tree, which the reference alone would not show
+ * if both misread the same step: every token's text inside the input at its
+ * start, parents before children, sizes that count children, and skips
+ * that cover exactly a container's descendants.
  */
 #include "jsmn_model.h"
 
@@ -17,6 +21,24 @@
 #include <vector>
 
 #include "fuzz_check.h"
+
+static void check_tree(const jsmn_tokenizer &t, int32_t n, const char *text, uint64_t len)
+{
+    std::vector<int32_t> children(n > 0 ? n : 0, 0);
+    for (int32_t i = 0; i < n; i++) {
+        const jsmn_token &k = t.tokens[i];
+        CHECK(k.str.ptr == text + k.start && k.start + k.str.len <= len);
+        CHECK(k.parent >= -1 && k.parent < i);
+        if (k.parent >= 0)
+            children[k.parent]++;
+        bool leaf = k.type == JSMN_TOK_STRING || k.type == JSMN_TOK_PRIMITIVE;
+        CHECK(leaf ? k.skip == i + 1 : k.skip > i && k.skip <= n);
+        for (int32_t j = i + 1; j < k.skip; j++)
+            CHECK(t.tokens[j].parent >= i && t.tokens[j].skip <= k.skip);
+    }
+    for (int32_t i = 0; i < n; i++)
+        CHECK(children[i] == t.tokens[i].size);
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
@@ -44,6 +66,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         CHECK(real.token_capacity == model.token_capacity);
         CHECK((real.tokens == real.initial_tokens) == (model.tokens == model.initial_tokens));
         CHECK(memcmp(real.tokens, model.tokens, real.token_capacity * sizeof(jsmn_token)) == 0);
+        if (got >= 0)
+            check_tree(real, got, ptr, n);
     }
     /* Destroying frees only the tokenizer's own array. */
     jsmn_token *kept = real.tokens == real.initial_tokens ? real.tokens : nullptr;

@@ -16,21 +16,6 @@
 
 #include "fuzz_check.h"
 
-static std::string model(const std::string &in)
-{
-    std::string out;
-    for (size_t i = 0; i < in.size(); i++) {
-        if (in[i] == '\\' && i + 1 < in.size() &&
-            (in[i + 1] == '/' || in[i + 1] == '\\' || in[i + 1] == '"')) {
-            out += in[i + 1];
-            i++;
-        } else {
-            out += in[i];
-        }
-    }
-    return out;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     std::string in(reinterpret_cast<const char *>(data), size);
@@ -42,6 +27,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                                     buf.data(), size);
     CHECK(out.ptr == buf.data());
     CHECK(out.len <= size);
-    CHECK(std::string(out.ptr, out.len) == model(in));
+    std::string model;
+    for (size_t i = 0; i < size; i++) {
+        bool named = in[i] == '\\' && i + 1 < size && strchr("/\\\"", in[i + 1]) && in[i + 1];
+        model += in[i + named];
+        i += named;
+    }
+    CHECK(std::string(out.ptr, out.len) == model);
     return 0;
 }

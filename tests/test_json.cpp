@@ -1,4 +1,5 @@
-/* JSON writer: exact output, layouts, depth; the plain writer over random call sequences. */
+/* JSON writer: exact output of the layouts, the layout stack's depth, and the plain writer of
+ * zor_json_ref.h over random call sequences. */
 #include "zor_test.h"
 #include "zor_json.h"
 #include "zor_json_ref.h"
@@ -35,64 +36,34 @@ class Json : public ::testing::Test
 
 } // namespace
 
-TEST_F(Json, WorkedExample)
+TEST_F(Json, Layouts)
 {
     zor_json_start_obj(&j);
     zor_json_pair_quotes(&j, "K", "%s", "V");
     zor_json_start_arr_pair(&j, "L", 1);
     zor_json_arr_val_noquotes(&j, "%d", 1);
-    zor_json_arr_val_noquotes(&j, "%d", 2);
-    zor_json_end_arr(&j);
-    zor_json_start_arr_pair(&j, "T", 0);
+    zor_json_start_obj(&j); /* objects as array elements */
+    zor_json_pair_noquotes(&j, "a", "%s", "true");
+    zor_json_end_obj(&j);
+    zor_json_start_arr(&j, 0); /* a one-line array inside a per-line one */
     zor_json_arr_val_quotes(&j, "%c", 'A');
-    zor_json_arr_val_quotes(&j, "B");
+    zor_json_arr_val_noquotes(&j, "y");
+    zor_json_end_arr(&j);
+    zor_json_end_arr(&j);
+    zor_json_start_obj_pair(&j, "E");
+    zor_json_end_obj(&j);
+    zor_json_start_arr_pair(&j, "T", 7);
     zor_json_end_arr(&j);
     zor_json_end_obj(&j);
-    EXPECT_EQ(take(), "{\n  \"K\": \"V\",\n  \"L\": [\n    1,\n    2\n  ],\n"
-                      "  \"T\": [ \"A\", \"B\" ]\n}");
+    EXPECT_EQ(take(), "{\n  \"K\": \"V\",\n  \"L\": [\n    1,\n    {\n      \"a\": true\n    },\n"
+                      "    [ \"A\", y ]\n  ],\n  \"E\": {\n\n  },\n  \"T\": [  ]\n}");
     EXPECT_EQ(j.indent, 0);
     EXPECT_EQ(j.array_types, 0u);
     EXPECT_EQ(j.need_comma, 1u);
 }
 
-TEST_F(Json, LayoutsAndNesting)
-{
-    /* Objects as array elements, a one-line array inside a per-line one. */
-    zor_json_start_arr(&j, 1);
-    zor_json_start_obj(&j);
-    zor_json_pair_noquotes(&j, "a", "%s", "true");
-    zor_json_end_obj(&j);
-    zor_json_start_obj_pair(&j, "o"); /* written as given, even if invalid */
-    zor_json_end_obj(&j);
-    zor_json_start_arr(&j, 0);
-    zor_json_arr_val_noquotes(&j, "x");
-    zor_json_arr_val_noquotes(&j, "y");
-    zor_json_end_arr(&j);
-    zor_json_arr_val_noquotes(&j, "%d", 2);
-    zor_json_end_arr(&j);
-    EXPECT_EQ(take(), "[\n  {\n    \"a\": true\n  },\n  \"o\": {\n\n  },\n  [ x, y ],\n  2\n]");
-
-    /* Empty arrays of both layouts; a second top-level value. */
-    zor_json_init(&j, &b, 2, 0);
-    zor_json_start_arr_pair(&j, "E", 1);
-    zor_json_end_arr(&j);
-    zor_json_start_arr(&j, 7);
-    zor_json_end_arr(&j);
-    EXPECT_EQ(take(), "\"E\": [\n\n],\n[  ]");
-}
-
 TEST_F(Json, LayoutStackDepth)
 {
-    std::string open, close;
-    for (int i = 0; i < 33; i++) {
-        zor_json_start_arr(&j, 0);
-        open += "[ ";
-        close += " ]";
-    }
-    for (int i = 0; i < 33; i++)
-        zor_json_end_arr(&j);
-    EXPECT_EQ(take(), open + close);
-
     zor_json_start_arr(&j, 1);
     for (int i = 0; i < 31; i++)
         zor_json_start_arr(&j, 0);
@@ -106,9 +77,7 @@ TEST_F(Json, LayoutStackDepth)
     EXPECT_EQ(j.array_types, 0x80000001u);
 }
 
-/* The writer against the plain one (zor_json_ref.h) over random call sequences: the same
- * bytes in the same blocks, the same context after every call. Small default block sizes put
- * block boundaries everywhere; consumption in between makes writes reuse the last block. */
+/* The same bytes in the same blocks, the same context after every call. */
 TEST(JsonWriter, MatchesPlainWriter)
 {
     for (uint64_t seed = 1; seed <= 240; seed++) {

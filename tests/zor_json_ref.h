@@ -1,10 +1,10 @@
 /*
- * The JSON writer written the plain way, for tests and benchmarks only:
- * every piece of text goes through zor_printf, every indentation space
- * through zor_putc, every value through vsnprintf into 256 bytes. The
- * library's writer must leave the same bytes, the same blocks and the same
- * context state after every call; compare() checks that over a random call
- * sequence (used by test_json and fuzz_json).
+ * The JSON writer written the plain way, for tests only: every piece of
+ * text goes through zor_printf, every indentation space through zor_putc,
+ * every value through vsnprintf into 256 bytes. compare() drives it and the
+ * library's writer with the same random calls: they must leave the same
+ * context after every call and the same blocks, capacities and texts, at
+ * the end (used by test_json and fuzz_json).
  */
 #ifndef ZOR_JSON_REF_H
 #define ZOR_JSON_REF_H
@@ -72,7 +72,7 @@ inline void end_obj(zor_json_ctx *c)
     c->need_comma = 1;
 }
 
-/* Both array openers; `key` is used when `pair` is set. */
+/* Both array openers; `key` is written when `pair` is set. */
 inline void start_arr(zor_json_ctx *c, bool pair, const char *key, int layout)
 {
     separator(c);
@@ -136,11 +136,8 @@ inline void value(zor_json_ctx *c, bool pair, const char *key, bool quotes, cons
 /* A null "%s" argument shows as "(null)"; hidden from the compiler's format checks. */
 inline const char *volatile null_text = nullptr;
 
-/*
- * Random call sequences: the texts, numbers and formats a caller passes,
- * drawn from `rng()` (a seeded generator in the tests, the input bytes
- * when fuzzing).
- */
+/* Random calls: what a caller passes, drawn from `rng()` (a seeded generator in the tests, the
+ * input bytes when fuzzing). */
 template <class Source> struct Gen {
     Source rng;
     std::deque<std::string> kept; /* texts stay alive until the sequence ends */
@@ -164,15 +161,12 @@ template <class Source> struct Gen {
         kept.push_back(s);
         return kept.back().c_str();
     }
-    const char *key()
-    {
-        return below(40) ? text() : nullptr;
-    }
-    /* Small, huge, extreme, or next to a power of ten. */
+    /* Small, random, extreme, or next to a power of ten. */
     int64_t number()
     {
         static const int64_t edges[] = {0,          -1,        INT32_MIN, INT32_MAX,
                                         UINT32_MAX, INT64_MIN, INT64_MAX};
+        int64_t p = 1;
         switch (below(4)) {
         case 0:
             return static_cast<int64_t>(below(2001)) - 1000;
@@ -180,68 +174,43 @@ template <class Source> struct Gen {
             return static_cast<int64_t>(rng());
         case 2:
             return edges[below(7)];
-        default: {
-            int64_t p = 1;
-            for (uint32_t e = below(19); e > 0; e--)
-                p *= 10;
-            return (below(2) ? p : -p) + static_cast<int64_t>(below(3)) - 1;
         }
-        }
+        for (uint32_t e = below(19); e > 0; e--)
+            p *= 10;
+        return (below(2) ? p : -p) + static_cast<int64_t>(below(3)) - 1;
     }
-    /* Calls `call(format, args...)` with one value of some format kind. */
+    /* Calls `call(format, args...)` with one value of some format kind: each integer
+     * conversion the writer formats by hand, and others it leaves to the formatter. */
     template <class F> void value(F call)
     {
         int64_t n = number();
-        switch (below(17)) {
+        const char *const ints[] = {"%d", "%i", "%u", "%x"}, *longs[] = {"%ld", "%lu"},
+                          *llongs[] = {"%lld", "%llu"};
+        switch (below(13)) {
         case 0:
         case 1:
-            call("%s", text());
-            break;
+            return call("%s", text());
         case 2:
-            call("%s", null_text);
-            break;
+            return call("%s", null_text);
         case 3:
-            call("%d", static_cast<int>(n));
-            break;
         case 4:
-            call("%i", static_cast<int>(n));
-            break;
+            return call(ints[below(4)], static_cast<int>(n));
         case 5:
-            call("%u", static_cast<unsigned>(n));
-            break;
+            return call(longs[below(2)], static_cast<long>(n));
         case 6:
-            call("%ld", static_cast<long>(n));
-            break;
+            return call(llongs[below(2)], static_cast<long long>(n));
         case 7:
-            call("%lu", static_cast<unsigned long>(n));
-            break;
+            return call(below(2) ? "%zu" : "%zx", static_cast<size_t>(n)); /* only %zu by hand */
         case 8:
-            call("%lld", static_cast<long long>(n));
-            break;
+            return call(text(true), 0); /* plain text, "%%" among it */
         case 9:
-            call("%llu", static_cast<unsigned long long>(n));
-            break;
+            return call("%s-%d", text(), static_cast<int>(n));
         case 10:
-            call("%zu", static_cast<size_t>(n));
-            break;
+            return call("%7.2f", static_cast<double>(n) / 7);
         case 11:
-            call(text(true), 0); /* plain text, "%%" among it */
-            break;
-        case 12:
-            call("%s-%d", text(), static_cast<int>(n));
-            break;
-        case 13:
-            call("%x", static_cast<unsigned>(n));
-            break;
-        case 14:
-            call("%7.2f", static_cast<double>(n) / 7);
-            break;
-        case 15:
-            call("%c", static_cast<int>(below(4) ? 'A' + below(26) : 0)); /* 0 ends the value */
-            break;
+            return call("%c", static_cast<int>(below(4) ? 'A' + below(26) : 0)); /* 0 ends it */
         default:
-            call("%ls", L"\x100"); /* the formatter fails: an empty value */
-            break;
+            return call("%ls", L"\x100"); /* the formatter fails: an empty value */
         }
     }
 };
@@ -260,12 +229,12 @@ inline std::vector<std::pair<uint64_t, std::string>> blocks(zor_buffer *b)
 }
 
 /*
- * Drives the library's writer and the plain one with the same `steps` random
- * calls, from a fresh context of random indentation, on buffers of one of
- * the default block sizes in `defaults` (indexed by the first draw). Returns
- * -2 when they agree: the context after every call, the blocks at the end,
- * their capacities and texts. Otherwise the step after which they differed,
- * or -1 for the blocks at the end.
+ * Drives both writers with the same `steps` random calls from a fresh
+ * context of random indentation, on buffers of a random default block size
+ * (small ones put block boundaries everywhere; consuming now and then makes
+ * writes reuse the last block). Returns -2 when they agree, otherwise the
+ * step after which the contexts or sizes differed, or -1 for the blocks at
+ * the end.
  */
 template <class Source> int compare(Gen<Source> &g, int steps)
 {
@@ -279,56 +248,33 @@ template <class Source> int compare(Gen<Source> &g, int steps)
     zor_json_init(&p, &plain, indent_size, indent);
     int result = -2;
     for (int step = 0; step < steps && result == -2; step++) {
-        const char *key = g.key();
+        const char *key = g.below(40) ? g.text() : nullptr;
         int layout = static_cast<int>(g.below(3));
-        bool room = (f.array_types & 0x80000000) == 0;
-        bool quotes = g.below(2);
-        switch (g.below(10)) {
+        bool pair = g.below(2), quotes = g.below(2);
+        switch (g.below(6)) {
         case 0:
-            zor_json_start_obj(&f);
-            start_obj(&p);
+            pair ? zor_json_start_obj_pair(&f, key) : zor_json_start_obj(&f);
+            pair ? start_obj_pair(&p, key) : start_obj(&p);
             break;
-        case 1:
-            zor_json_start_obj_pair(&f, key);
-            start_obj_pair(&p, key);
+        case 1: /* the layout stack holds 32 arrays */
+            if ((f.array_types & 0x80000000) == 0) {
+                pair ? zor_json_start_arr_pair(&f, key, layout) : zor_json_start_arr(&f, layout);
+                start_arr(&p, pair, key, layout);
+            }
             break;
         case 2:
-            zor_json_end_obj(&f);
-            end_obj(&p);
-            break;
-        case 3:
-            if (room) {
-                zor_json_start_arr(&f, layout);
-                start_arr(&p, false, nullptr, layout);
-            }
-            break;
-        case 4:
-            if (room) {
-                zor_json_start_arr_pair(&f, key, layout);
-                start_arr(&p, true, key, layout);
-            }
-            break;
-        case 5:
-            zor_json_end_arr(&f);
-            end_arr(&p);
-            break;
-        case 6:
-        case 7:
-            g.value([&](const char *format, auto... args) {
-                if (quotes)
-                    zor_json_arr_val_quotes(&f, format, args...);
-                else
-                    zor_json_arr_val_noquotes(&f, format, args...);
-                value(&p, false, nullptr, quotes, format, args...);
-            });
+            pair ? zor_json_end_obj(&f) : zor_json_end_arr(&f);
+            pair ? end_obj(&p) : end_arr(&p);
             break;
         default:
             g.value([&](const char *format, auto... args) {
-                if (quotes)
-                    zor_json_pair_quotes(&f, key, format, args...);
+                if (pair)
+                    (quotes ? zor_json_pair_quotes : zor_json_pair_noquotes)(&f, key, format,
+                                                                             args...);
                 else
-                    zor_json_pair_noquotes(&f, key, format, args...);
-                value(&p, true, key, quotes, format, args...);
+                    (quotes ? zor_json_arr_val_quotes : zor_json_arr_val_noquotes)(&f, format,
+                                                                                   args...);
+                value(&p, pair, key, quotes, format, args...);
             });
             break;
         }
