@@ -153,18 +153,8 @@ TEST(Core, IteratorWalkCountsFinishesRestartsAndFrees)
     EXPECT_TRUE(it.count == 1 && it.finished == 1);
     zor_iter_free(&it);
 
-    /* A break ends the walk for good; after a full walk the item is null. */
-    const int *item = nullptr; /* any object pointer type will do */
-    zor_iter_create(&it, array_iterator(&it, &items));
-    ZOR_ITER_FOREACH (&it, item) {
-        if (*item == 2)
-            break;
-    }
-    EXPECT_EQ(it.count, 2u);
-    ZOR_ITER_FOREACH (&it, item) {
-        ADD_FAILURE() << "a second walking form must not run";
-    }
-    zor_iter_free(&it);
+    /* After a full walk the item is null; break is checked from C. */
+    const int *item = &items[0]; /* any object pointer type will do */
     zor_iter_create(&it, array_iterator(&it, &items));
     ZOR_ITER_FOREACH (&it, item) {
     }
