@@ -97,43 +97,32 @@ class Datatype : public ::testing::Test
 
 TEST_F(Datatype, CoreTypesAreRegisteredAndResolved)
 {
-    const char *names[] = {"core", "mem", "opaque", "flag", "str", "int", "uint", "bool"};
-    EXPECT_EQ(db.next_id, 8u);
-    EXPECT_EQ(zor_datatype_info_id(&db, ZOR_DATATYPE_ID_CORE), nullptr);
-    /* Per type from "mem" on: parent, size, own marks, and operations after inheritance. */
+    /* Names, parents, sizes and own marks; the operations are exercised through them by
+     * the cases below and by the parse fuzz target. */
     const uint32_t none = 0xFFFFFFFF, mem = ZOR_DATATYPE_ID_MEM;
-    const auto cp = zor_datatype_copy_mem;
-    const auto cm = zor_datatype_cmp_mem;
     const struct {
+        const char *name;
         uint32_t parent;
         uint64_t size;
         uint32_t marks;
-        zor_datatype_parse_fn parse;
-        zor_datatype_copy_fn copy, write;
-        zor_datatype_cmp_fn cmp_eq, cmp;
-        zor_datatype_free_fn free;
-    } want[] = {
-        {none, 0, 0, nullptr, cp, cp, cm, cm, nullptr},
-        {mem, 16, 0, nullptr, cp, zor_datatype_write_opaque, zor_datatype_cmp_opaque,
-         zor_datatype_cmp_opaque, zor_datatype_free_opaque},
-        {none, 0, 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr},
-        {mem, 4, 0x80, zor_datatype_parse_string, cp, zor_datatype_write_string, cm,
-         zor_datatype_cmp_string, zor_datatype_free_string},
-        {mem, 4, 0, zor_datatype_parse_int, cp, cp, cm, cm, nullptr},
-        {mem, 4, 0, zor_datatype_parse_uint, cp, cp, cm, cm, nullptr},
-        {mem, 4, 0, zor_datatype_parse_bool, cp, cp, cm, cm, nullptr},
-    };
+    } want[] = {{"mem", none, 0, 0},   {"opaque", mem, 16, 0}, {"flag", none, 0, 0},
+                {"str", mem, 4, 0x80}, {"int", mem, 4, 0},     {"uint", mem, 4, 0},
+                {"bool", mem, 4, 0}};
+    EXPECT_EQ(db.next_id, 8u);
+    EXPECT_EQ(zor_datatype_info_id(&db, ZOR_DATATYPE_ID_CORE), nullptr);
     for (uint32_t id = ZOR_DATATYPE_ID_MEM; id <= ZOR_DATATYPE_ID_BOOL; id++) {
         const auto &w = want[id - 1];
         zor_datatype_info *t = zor_datatype_info_id(&db, id);
-        ASSERT_EQ(t, by_name(names[id]));
+        ASSERT_EQ(t, by_name(w.name));
         EXPECT_TRUE(t->id == id && t->ns_id == 0 && t->parent_id == w.parent && t->size == w.size)
-            << names[id];
-        EXPECT_EQ(t->properties, w.marks | ZOR_DATATYPE_PROP_FLATTENED) << names[id];
-        EXPECT_TRUE(t->parse == w.parse && t->copy == w.copy && t->write == w.write &&
-                    t->cmp_eq == w.cmp_eq && t->cmp == w.cmp && t->free == w.free)
-            << names[id];
+            << w.name;
+        EXPECT_EQ(t->properties, w.marks | ZOR_DATATYPE_PROP_FLATTENED) << w.name;
     }
+    zor_datatype_info *opaque = by_name("opaque"), *flag = by_name("flag");
+    EXPECT_TRUE(
+        opaque->write == zor_datatype_write_opaque && opaque->free == zor_datatype_free_opaque &&
+        opaque->cmp == zor_datatype_cmp_opaque && opaque->cmp_eq == zor_datatype_cmp_opaque);
+    EXPECT_TRUE(flag->copy == nullptr && flag->cmp == nullptr && flag->parse == nullptr);
 }
 
 TEST_F(Datatype, ChildInheritsSizeOperationsAndMarks)
