@@ -1,7 +1,4 @@
-/*
- * The walking form compiled as C: the same macro must work for C callers,
- * with the item variable of any object-pointer type.
- */
+/* The walking form compiled as C, with an item variable of another pointer type. */
 #include "zor_list.h"
 
 struct c_elem {
@@ -9,7 +6,7 @@ struct c_elem {
     int value;
 };
 
-/* Sums the values of a list of `n` elements, stopping at `stop` (break). */
+/* Sums the values 1..n of a list, stopping at `stop` (break); a second walk never runs. */
 int zor_test_c_foreach_sum(int n, int stop)
 {
     struct c_elem elems[16] = {{{0, 0}, 0}};
@@ -30,7 +27,7 @@ int zor_test_c_foreach_sum(int n, int stop)
         sum += e->value;
     }
     ZOR_ITER_FOREACH (&it, e) {
-        sum += 1000; /* never runs: the walk is over */
+        sum += 1000;
     }
     zor_iter_free(&it);
     return sum;

@@ -1,13 +1,89 @@
-/* Hash table: chaining, arrival order, growth and shrink sizes, walks, duplicates. */
+/*
+ * The hashing dependency against published xxHash vectors; the hash table
+ * against a model on random operations; the dictionary's sizes, teardown
+ * and broken preconditions. Interning, ids, reference counts and lookups
+ * of the dictionary are checked against a model by fuzz/fuzz_dict.cpp,
+ * replayed on its corpus as a test.
+ */
 #include "zor_test.h"
+#include "zor_dict.h"
 #include "zor_hash.h"
 #include "zor_xxhash.h"
 
 #include <stdio.h>
 
+#include <functional>
 #include <map>
-#include <memory>
+#include <random>
+#include <string>
 #include <vector>
+
+namespace
+{
+
+const uint32_t kPrime = 2654435761U;
+
+/* The sanity buffer of xxHash's own checks: each byte the top of a squared generator. */
+std::vector<unsigned char> sanity_buffer()
+{
+    std::vector<unsigned char> buf(101);
+    uint32_t gen = kPrime;
+    for (auto &byte : buf) {
+        byte = static_cast<unsigned char>(gen >> 24);
+        gen *= gen;
+    }
+    return buf;
+}
+
+} // namespace
+
+TEST(XXHash, PublishedVectorsThroughEveryFunction)
+{
+    EXPECT_EQ(ZOR_XXH_versionNumber(), 603u);
+    std::vector<unsigned char> buf = sanity_buffer();
+    const struct {
+        size_t len;
+        uint32_t seed, h32;
+        uint64_t h64;
+    } vectors[] = {
+        {0, 0, 0x02CC5D05, 0xEF46DB3751D8E999ULL},
+        {0, kPrime, 0x36B78AE7, 0xAC75FDA2929B17EFULL},
+        {1, 0, 0xB85CBEE5, 0x4FCE394CC88952D8ULL},
+        {1, kPrime, 0xD5845D64, 0x739840CB819FA723ULL},
+        {14, 0, 0xE5AA0AB4, 0xCFFA8DB881BC3A3DULL},
+        {14, kPrime, 0x4481951D, 0x5B9611585EFCC9CBULL},
+        {101, 0, 0x1F1AA412, 0x0EAB543384F878ADULL},
+        {101, kPrime, 0x498EC8E2, 0xCAA65939306F1E21ULL},
+    };
+    for (const auto &v : vectors) {
+        EXPECT_EQ(ZOR_XXH32(buf.data(), v.len, v.seed), v.h32) << v.len << "/" << v.seed;
+        EXPECT_EQ(ZOR_XXH64(buf.data(), v.len, v.seed), v.h64) << v.len << "/" << v.seed;
+    }
+    /* Each function forwards to its own: streaming in two pieces, through a copy of the
+     * state, gives the one-shot digest of the seed. */
+    XXH32_state_t *s32 = ZOR_XXH32_createState(), *c32 = ZOR_XXH32_createState();
+    XXH64_state_t *s64 = ZOR_XXH64_createState(), *c64 = ZOR_XXH64_createState();
+    EXPECT_EQ(ZOR_XXH32_reset(s32, kPrime) | ZOR_XXH64_reset(s64, kPrime), XXH_OK);
+    EXPECT_EQ(ZOR_XXH32_update(s32, buf.data(), 49) | ZOR_XXH64_update(s64, buf.data(), 49),
+              XXH_OK);
+    ZOR_XXH32_copyState(c32, s32);
+    ZOR_XXH64_copyState(c64, s64);
+    EXPECT_EQ(ZOR_XXH32_update(c32, &buf[49], 52) | ZOR_XXH64_update(c64, &buf[49], 52), XXH_OK);
+    EXPECT_EQ(ZOR_XXH32_digest(c32), 0x498EC8E2u);
+    EXPECT_EQ(ZOR_XXH64_digest(c64), 0xCAA65939306F1E21ULL);
+    EXPECT_EQ(ZOR_XXH32_freeState(s32) | ZOR_XXH32_freeState(c32), XXH_OK);
+    EXPECT_EQ(ZOR_XXH64_freeState(s64) | ZOR_XXH64_freeState(c64), XXH_OK);
+
+    /* The canonical form is big-endian and reads back. */
+    XXH32_canonical_t k32;
+    XXH64_canonical_t k64;
+    ZOR_XXH32_canonicalFromHash(&k32, 0x02CC5D05u);
+    ZOR_XXH64_canonicalFromHash(&k64, 0xEF46DB3751D8E999ULL);
+    EXPECT_EQ(memcmp(k32.digest, "\x02\xCC\x5D\x05", 4), 0);
+    EXPECT_EQ(memcmp(k64.digest, "\xEF\x46\xDB\x37\x51\xD8\xE9\x99", 8), 0);
+    EXPECT_EQ(ZOR_XXH32_hashFromCanonical(&k32), 0x02CC5D05u);
+    EXPECT_EQ(ZOR_XXH64_hashFromCanonical(&k64), 0xEF46DB3751D8E999ULL);
+}
 
 namespace
 {
@@ -19,7 +95,7 @@ struct item {
     int num;
 };
 
-/* Builds the key "k<num>" in the scratch buffer; num -1 gives the empty key. */
+/* The key "k<num>"; num -1 gives the empty key. */
 void item_key(const void *record, char *scratch, zor_str *key)
 {
     const item *it = static_cast<const item *>(record);
@@ -38,118 +114,153 @@ uint64_t colliding_hash(const zor_str *)
     return 3;
 }
 
-zor_hash_table *make_table(uint64_t size, zor_hash_fn hash = real_hash)
+item *find(zor_hash_table *t, const item &i)
 {
-    return zor_hash_table_init(size, offsetof(item, node), item_key, hash);
-}
-
-item *find(zor_hash_table *t, const char *key)
-{
-    zor_str k = zor_str_init(key);
+    char text[ZOR_HASH_KEY_SCRATCH];
+    zor_str k;
+    item_key(&i, text, &k);
     return static_cast<item *>(zor_hash_table_find(t, &k));
-}
-
-/* Walks the whole table through its embedded iterator: num -> times seen. */
-std::map<int, int> walk(zor_hash_table *t)
-{
-    std::map<int, int> seen;
-    for (void *rec = zor_iter_first(&t->iter); rec != nullptr; rec = zor_iter_next(&t->iter))
-        seen[static_cast<item *>(rec)->num]++;
-    return seen;
-}
-
-/* Every record is found by its key and walked exactly once. */
-void expect_consistent(zor_hash_table *t, const std::vector<std::unique_ptr<item>> &items,
-                       size_t from, size_t to)
-{
-    ASSERT_EQ(t->count, to - from);
-    std::map<int, int> seen = walk(t);
-    ASSERT_EQ(seen.size(), to - from);
-    for (size_t i = from; i < to; i++) {
-        char key[32];
-        snprintf(key, sizeof(key), "k%d", items[i]->num);
-        ASSERT_EQ(find(t, key), items[i].get());
-        ASSERT_EQ(seen[items[i]->num], 1);
-    }
 }
 
 } // namespace
 
-TEST(HashTable, CollidingKeysChainInArrivalOrder)
+TEST(HashTable, AgainstModelOnRandomOperations)
 {
-    zor_hash_table *t = make_table(4, colliding_hash);
-    EXPECT_TRUE(t->size == 8 && t->min_size == 4 && t->count == 0);
-    EXPECT_EQ(t->node_offset, offsetof(item, node));
-    EXPECT_EQ(find(t, "k1"), nullptr);
-    EXPECT_EQ(zor_hash_table_walk(nullptr, t), nullptr);
-    EXPECT_EQ(zor_iter_first(&t->iter), nullptr);
-    item a{0, {}, 1}, b{0, {}, 2}, c{0, {}, 3}, empty{0, {}, -1};
-    for (item *i : {&a, &b, &c})
-        zor_hash_table_insert(t, i);
-    EXPECT_EQ(t->table[3], &a);
-    EXPECT_TRUE(a.node.next == &b && b.node.next == &c && c.node.next == nullptr);
-    EXPECT_EQ(b.node.hash, 3u);
-    EXPECT_EQ(find(t, "k2"), &b);
-    EXPECT_EQ(find(t, "k3"), &c);
-    EXPECT_EQ(find(t, "k4"), nullptr);
-    EXPECT_EQ(find(t, ""), nullptr);
-
-    /* Removing by identity; a record not in the table changes nothing. */
-    item stranger{0, {3, nullptr}, 2};
-    zor_hash_table_remove(t, &stranger);
-    EXPECT_EQ(t->count, 3u);
-    zor_hash_table_remove(t, &b);
-    EXPECT_EQ(t->count, 2u);
-    EXPECT_TRUE(a.node.next == &c && b.node.next == nullptr);
-    EXPECT_EQ(find(t, "k2"), nullptr);
-    zor_hash_table_remove(t, &a);
-    EXPECT_EQ(t->table[3], &c);
-    zor_hash_table_remove(t, &a);
-    EXPECT_EQ(t->count, 1u);
-
-    /* The zero-length key is a key like any other; a duplicate key stops the process. */
-    zor_hash_table_insert(t, &empty);
-    EXPECT_EQ(find(t, ""), &empty);
-    EXPECT_EQ(find(t, "k1"), nullptr);
-    item dup{0, {}, 3};
-    ZOR_EXPECT_ASSERT(zor_hash_table_insert(t, &dup), "zor_hash_table_insert_internal",
-                      "zor_hash_table_compare_keys(key, &last_key) != 0");
-    zor_hash_table_destroy(t);
-}
-
-TEST(HashTable, GrowsAtHalfShrinksBelowSixthNeverBelowMinimum)
-{
-    std::vector<std::unique_ptr<item>> items;
-    for (int i = 0; i < 200; i++)
-        items.emplace_back(new item{0, {}, i});
-    zor_hash_table *t = make_table(128);
-    EXPECT_EQ(t->size, 256u);
-    /* Records held, bucket count: growth past half, shrinking below a sixth (512 / 6 = 85,
-     * 256 / 6 = 42), never below the minimum of 128. Inserted in order, removed oldest first. */
-    const struct {
-        size_t count;
-        uint64_t size;
-    } steps[] = {{128, 256}, {129, 512}, {200, 512}, {85, 512},
-                 {84, 256},  {42, 256},  {41, 128},  {0, 128}};
-    size_t first = 0, end = 0;
-    for (const auto &step : steps) {
-        while (end - first < step.count)
-            zor_hash_table_insert(t, items[end++].get());
-        while (end - first > step.count)
-            zor_hash_table_remove(t, items[first++].get());
-        EXPECT_EQ(t->size, step.size) << step.count;
-        expect_consistent(t, items, first, end);
+    std::mt19937 rng(5);
+    for (bool colliding : {false, true}) {
+        const int n = colliding ? 40 : 300;
+        std::vector<item> items(n);
+        for (int i = 0; i < n; i++)
+            items[i] = item{0, {}, i - 1};
+        zor_hash_table *t = zor_hash_table_init(colliding ? 4 : 128, offsetof(item, node), item_key,
+                                                colliding ? colliding_hash : real_hash);
+        EXPECT_TRUE(t->node_offset == offsetof(item, node) && t->count == 0);
+        EXPECT_EQ(zor_hash_table_walk(nullptr, t), nullptr);
+        EXPECT_EQ(zor_iter_first(&t->iter), nullptr);
+        uint64_t min = colliding ? 4 : 128, size = 2 * min;
+        std::vector<int> order; /* records in arrival order */
+        for (int step = 0; step < 4500; step++) {
+            /* Grows for a while, then mostly shrinks, over and over. */
+            bool grow = (step / 500) % 2 == 0;
+            int i = rng() % n;
+            auto at = std::find(order.begin(), order.end(), i);
+            if (at == order.end() && (grow || rng() % 4 == 0)) {
+                if (order.size() >= size / 2)
+                    size *= 2;
+                zor_hash_table_insert(t, &items[i]);
+                order.push_back(i);
+            } else {
+                zor_hash_table_remove(t, &items[i]); /* a record not there changes nothing */
+                if (at != order.end()) {
+                    order.erase(at);
+                    if (size > min && order.size() < size / 6)
+                        size = std::max(size / 2, min);
+                }
+            }
+            ASSERT_TRUE(t->count == order.size() && t->size == size) << step;
+            std::vector<int> walked, sorted = order;
+            for (void *rec = zor_iter_first(&t->iter); rec != nullptr;
+                 rec = zor_iter_next(&t->iter))
+                walked.push_back(static_cast<item *>(rec) - items.data());
+            if (colliding) { /* one chain, in arrival order */
+                ASSERT_EQ(walked, order);
+            }
+            std::sort(walked.begin(), walked.end());
+            std::sort(sorted.begin(), sorted.end());
+            ASSERT_EQ(walked, sorted);
+            for (int k = 0; k < n; k++)
+                ASSERT_EQ(find(t, items[k]),
+                          std::count(order.begin(), order.end(), k) ? &items[k] : nullptr);
+        }
+        /* A duplicate key stops the process. */
+        item dup{0, {}, items[order.front()].num};
+        ZOR_EXPECT_ASSERT(zor_hash_table_insert(t, &dup), "zor_hash_table_insert_internal",
+                          "zor_hash_table_compare_keys(key, &last_key) != 0");
+        zor_hash_table_destroy(t);
     }
-    EXPECT_EQ(zor_iter_first(&t->iter), nullptr);
-    zor_hash_table_destroy(t);
-}
-
-TEST(HashTable, AllocationFailuresStop)
-{
-    ZOR_EXPECT_ASSERT(make_table(1ULL << 40), "zor_hash_table_init",
-                      "table_int->table != ((void *)0)");
-    zor_hash_table *t = make_table(2);
+    ZOR_EXPECT_ASSERT(zor_hash_table_init(1ULL << 40, 0, item_key, real_hash),
+                      "zor_hash_table_init", "table_int->table != ((void *)0)");
+    zor_hash_table *t = zor_hash_table_init(2, 0, item_key, real_hash);
     ZOR_EXPECT_ASSERT(zor_hash_table_realloc(t, 1ULL << 41), "zor_hash_table_realloc",
                       "new_table != ((void *)0)");
     zor_hash_table_destroy(t);
+}
+
+namespace
+{
+
+uint32_t ref(zor_dict *d, const std::string &text)
+{
+    return zor_dict_ref_get(d, zor_str_init_len(text.data(), static_cast<int32_t>(text.size())));
+}
+
+int payloads_freed;
+void count_free(void *data)
+{
+    payloads_freed++;
+    free(data);
+}
+
+} // namespace
+
+TEST(Dict, SizesAndTeardownFreesPayloads)
+{
+    zor_dict d;
+    zor_dict_init(&d, 4, count_free);
+    EXPECT_TRUE(d.size == 4 && d.table->size == 8 && d.table->min_size == 4);
+    for (int i = 0; i < 129; i++)
+        ref(&d, "n" + std::to_string(i));
+    /* Payloads go to free_data at teardown only, whatever the counts. */
+    zor_dict_id_get_rec(&d, 3)->data = util_calloc(8);
+    zor_dict_id_get_rec(&d, 100)->data = util_calloc(8);
+    zor_dict_id_add_ref(&d, 3);
+    for (int i = 5; i < 50; i++)
+        zor_dict_id_remove_ref(&d, i);
+    payloads_freed = 0;
+    zor_dict_destroy(&d);
+    EXPECT_EQ(payloads_freed, 2);
+    EXPECT_TRUE(d.entries == nullptr && d.table == nullptr && d.size == 0);
+
+    /* A dictionary whose records were all released frees entries, array and table. */
+    zor_dict_init(&d, 2, count_free);
+    zor_dict_id_remove_ref(&d, ref(&d, "a"));
+    zor_dict_id_remove_ref(&d, ref(&d, "b"));
+    zor_dict_destroy(&d);
+    EXPECT_EQ(payloads_freed, 2);
+}
+
+TEST(Dict, BrokenPreconditionsStop)
+{
+    zor_dict d;
+    zor_dict_init(&d, 8, nullptr);
+    for (int i = 0; i < 10; i++)
+        ref(&d, "t" + std::to_string(i));
+    zor_dict_id_remove_ref(&d, 8); /* ids 0 to 9, 8 released */
+    struct {
+        const char *function, *text;
+        std::function<void()> run;
+    } const cases[] = {
+        {"zor_dict_id_remove_ref", "id < dict->next_id", [&] { zor_dict_id_remove_ref(&d, 10); }},
+        {"zor_dict_id_add_ref", "id < dict->next_id", [&] { zor_dict_id_add_ref(&d, 10); }},
+        {"zor_dict_id_get_rec", "id < dict->next_id", [&] { zor_dict_id_get_rec(&d, 10); }},
+        {"zor_dict_get_record", "id != 0xFFFFFFFF", [&] { zor_dict_get_record(&d, 0xFFFFFFFF); }},
+        {"zor_dict_id_remove_ref", "record != ((void *)0)", [&] { zor_dict_id_remove_ref(&d, 8); }},
+        {"zor_dict_id_add_ref", "record != ((void *)0)", [&] { zor_dict_id_add_ref(&d, 8); }},
+        {"zor_dict_id_get_rec", "record != ((void *)0)", [&] { zor_dict_id_get_rec(&d, 8); }},
+        /* A free stack naming an id without entry. */
+        {"zor_dict_get_next_id", "entry != ((void *)0)",
+         [&] {
+             d.entries[8] = nullptr;
+             ref(&d, "x");
+         }},
+        {"zor_dict_free_id", "entry != ((void *)0)",
+         [&] {
+             d.entries[8] = nullptr;
+             zor_dict_free_id(&d, 8);
+         }},
+        {"zor_dict_init", "dict != ((void *)0)", [] { zor_dict_init(nullptr, 4, nullptr); }},
+    };
+    for (const auto &c : cases)
+        ZOR_EXPECT_ASSERT(c.run(), c.function, c.text) << c.text;
+    zor_dict_destroy(&d);
 }
