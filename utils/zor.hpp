@@ -1102,10 +1102,16 @@ class transaction
     detail::store_state *s_;
 
   public:
+    /*
+     * Processes first, so that an exception of an update callback is
+     * rethrown before a snapshot is open: a constructor that throws leaves
+     * nothing to close. The take then finds nothing queued.
+     */
     explicit transaction(store &st) : s_(st.s_.get())
     {
-        zor_reg_take_snapshot(s_->ds);
+        zor_reg_process(s_->ds);
         s_->rethrow();
+        zor_reg_take_snapshot(s_->ds);
     }
     transaction(transaction &&o) noexcept : s_(std::exchange(o.s_, nullptr)) {}
     transaction &operator=(transaction &&) = delete;
