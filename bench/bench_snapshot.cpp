@@ -12,6 +12,15 @@
 
 #include <cstdlib>
 
+#include <cstdio>
+#include <string>
+
+#if __has_include(<valgrind/callgrind.h>)
+#include <valgrind/callgrind.h>
+#else
+#define CALLGRIND_TOGGLE_COLLECT
+#endif
+
 #include "bench_types.h"
 #include "zor_reg.h"
 
@@ -131,4 +140,47 @@ void BM_TakeDiscardEmpty(benchmark::State &st)
 }
 BENCHMARK(BM_TakeDiscardEmpty)->Arg(1000)->Arg(1000000);
 
+/*
+ * `bench_snapshot --ops changes|discard|restore` runs 20 rounds of one of
+ * the first three benchmarks with callgrind's collection switched on
+ * around them only and prints the number of changed records, for
+ * instruction counts per record (exact where times are noisy):
+ *     valgrind --tool=callgrind --collect-atstart=no bench_snapshot --ops discard
+ */
+int ops_main(const std::string &what)
+{
+    constexpr int rounds = 20;
+    store s(changed);
+    int v = 0;
+    if (what != "changes" && what != "discard" && what != "restore") {
+        fprintf(stderr, "bench_snapshot --ops: changes, discard or restore\n");
+        return 2;
+    }
+    CALLGRIND_TOGGLE_COLLECT;
+    for (int r = 0; r < rounds; r++) {
+        if (what != "changes")
+            zor_reg_take_snapshot(s.ds);
+        s.change(changed, ++v);
+        if (what == "discard")
+            zor_reg_discard_snapshot(s.ds);
+        else if (what == "restore")
+            zor_reg_restore_snapshot(s.ds);
+    }
+    CALLGRIND_TOGGLE_COLLECT;
+    printf("%zu\n", rounds * changed);
+    return 0;
+}
+
 } // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc == 3 && std::string(argv[1]) == "--ops")
+        return ops_main(argv[2]);
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
