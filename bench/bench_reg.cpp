@@ -779,10 +779,5 @@ int main(int argc, char **argv)
     if (argc == 4 && std::string(argv[1]) == "--ops")
         return ops_main(argv[2], argv[3]);
     register_rounds();
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return bench::run_benchmarks(argc, argv);
 }

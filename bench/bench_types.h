@@ -6,6 +6,8 @@
 #ifndef ZOR_BENCH_TYPES_H
 #define ZOR_BENCH_TYPES_H
 
+#include <benchmark/benchmark.h>
+
 #include "zor_datatype.h"
 #include "zor_reg.h"
 
@@ -43,6 +45,17 @@ struct rec {
     int value;
 };
 constexpr uint64_t rec_offset = sizeof(zor_reg_entry);
+
+/* Google Benchmark's own main, for programs that look at their arguments first. */
+inline int run_benchmarks(int argc, char **argv)
+{
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
 
 } // namespace bench
 
