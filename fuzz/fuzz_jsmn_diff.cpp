@@ -1,18 +1,8 @@
-/*
- * The tokenizer against jsmn_model.h, its documented steps written out
- * plainly. The first byte picks the starting capacity (1 to 8 tokens) and
- * whether the caller gives the array; the second picks a cut. One tokenizer
- * of each kind parses the whole text, then the text cut short, then the
- * whole text again (reusing the grown array), and after every parse they
- * must agree on the result, pos, next_token, super_token, text, capacity,
- * whether the caller's array is still in use, and every byte of the whole
- * token array, also the tokens left from earlier parses. Destroying frees
- * the tokenizer's own array and leaves the caller's. A successful parse must
- * also leave a well-formed tree, which the reference alone would not show
- * if both misread the same step: every token's text inside the input at its
- * start, parents before children, sizes that count children, and skips
- * that cover exactly a container's descendants.
- */
+/* The tokenizer against jsmn_model.h on the whole text, a cut of it (byte 1), the whole again,
+ * from a starting capacity and an array of the caller's or not (byte 0): the same result, state
+ * and bytes of the whole token array after each; on success also a well-formed tree (texts in the
+ * input, parents first, sizes that count children, skips that cover the descendants), which the
+ * model alone would not show if both misread a step. */
 #include "jsmn_model.h"
 
 #include <stdint.h>

@@ -1,9 +1,5 @@
-/*
- * jsmn_model.h - a slow reference of jsmn_parse for tests: the tokenizer's
- * documented steps written out one by one (one character at a time, the
- * parent chain walked on every closing bracket, growth by calloc and copy),
- * with no shortcut. Works on a tokenizer set up by jsmn_init.
- */
+/* A slow reference of jsmn_parse: the documented steps one character at a time, the parent chain
+ * walked on every closing bracket, growth by calloc and copy. */
 #ifndef ZOR_JSMN_MODEL_H
 #define ZOR_JSMN_MODEL_H
 
@@ -15,7 +11,8 @@
 namespace jsmn_model
 {
 
-inline jsmn_token *take(jsmn_tokenizer *t)
+/* The next token, of `type` from `start`, a child of the super token. */
+inline jsmn_token *child(jsmn_tokenizer *t, jsmn_tok_type type, uint32_t start)
 {
     if (t->next_token >= t->token_capacity) {
         auto *grown = static_cast<jsmn_token *>(calloc(2 * t->token_capacity, sizeof(jsmn_token)));
@@ -27,22 +24,20 @@ inline jsmn_token *take(jsmn_tokenizer *t)
     }
     jsmn_token *tok = &t->tokens[t->next_token++];
     memset(static_cast<void *>(tok), 0, sizeof(*tok));
-    tok->start = tok->parent = -1;
+    tok->type = type;
+    tok->start = static_cast<int32_t>(start);
+    tok->parent = t->super_token;
+    if (t->super_token != -1)
+        t->tokens[t->super_token].size++;
     return tok;
 }
 
-/* A string or primitive from start up to end, child of the super token. */
+/* A string or primitive from start up to end. */
 inline void leaf(jsmn_tokenizer *t, jsmn_tok_type type, uint32_t start, uint32_t end)
 {
-    jsmn_token *tok = take(t);
-    tok->type = type;
-    tok->str.ptr = t->text + start;
-    tok->str.len = end - start;
-    tok->start = static_cast<int32_t>(start);
-    tok->parent = t->super_token;
+    jsmn_token *tok = child(t, type, start);
+    tok->str = zor_str{t->text + start, end - start};
     tok->skip = static_cast<int32_t>(t->next_token);
-    if (t->super_token != -1)
-        t->tokens[t->super_token].size++;
 }
 
 inline int32_t string(jsmn_tokenizer *t, const char *text, uint64_t len)
@@ -57,12 +52,10 @@ inline int32_t string(jsmn_tokenizer *t, const char *text, uint64_t len)
         if (text[i] == '\\' && i + 1 < len) {
             i++;
             if (text[i] == 'u') {
-                i++;
-                for (int k = 0; k < 4 && i < len && text[i] != '\0'; k++, i++) {
-                    if (!strchr("0123456789ABCDEFabcdef", text[i]))
+                for (int k = 0; k < 4 && i + 1 < len && text[i + 1] != '\0'; k++) {
+                    if (!strchr("0123456789ABCDEFabcdef", text[++i]))
                         return JSMN_ERR_INVALID;
                 }
-                i--;
             } else if (text[i] == '\0' || !strchr("\"/\\bfnrt", text[i])) {
                 return JSMN_ERR_INVALID;
             }
@@ -95,8 +88,7 @@ inline int32_t close(jsmn_tokenizer *t, jsmn_tok_type want)
     }
     if (tok->type != want)
         return JSMN_ERR_INVALID;
-    tok->str.ptr = t->text + tok->start;
-    tok->str.len = t->pos - static_cast<uint32_t>(tok->start) + 1;
+    tok->str = zor_str{t->text + tok->start, t->pos - static_cast<uint32_t>(tok->start) + 1};
     tok->skip = static_cast<int32_t>(t->next_token);
     t->super_token = tok->parent;
     return 0;
@@ -112,14 +104,7 @@ inline int32_t parse(jsmn_tokenizer *t, const char *text, uint64_t len)
         char c = text[t->pos];
         int32_t r = 0;
         if (c == '{' || c == '[') {
-            int32_t super = t->super_token;
-            jsmn_token *tok = take(t);
-            if (super != -1) {
-                tok->parent = super;
-                t->tokens[super].size++; /* after take: growth may move tokens */
-            }
-            tok->type = c == '{' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY;
-            tok->start = static_cast<int32_t>(t->pos);
+            child(t, c == '{' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY, t->pos);
             t->super_token = static_cast<int32_t>(t->next_token - 1);
         } else if (c == '}' || c == ']') {
             r = close(t, c == '}' ? JSMN_TOK_OBJECT : JSMN_TOK_ARRAY);
@@ -138,7 +123,7 @@ inline int32_t parse(jsmn_tokenizer *t, const char *text, uint64_t len)
         if (r != 0)
             return r;
     }
-    for (uint32_t i = t->next_token; i-- > 0;) {
+    for (uint32_t i = 0; i < t->next_token; i++) {
         if (t->tokens[i].str.ptr == nullptr)
             return JSMN_ERR_PARTIAL;
     }
