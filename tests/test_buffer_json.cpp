@@ -9,11 +9,19 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <string.h>
+#include <sys/mman.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <functional>
 #include <string>
+
+#if __has_include(<valgrind/valgrind.h>)
+#include <valgrind/valgrind.h>
+#else
+#define RUNNING_ON_VALGRIND 0
+#endif
 
 static int drain_fd = -1;
 
@@ -118,4 +126,45 @@ TEST(JsonWriter, MatchesPlainWriter)
         EXPECT_EQ(zor_json_ref::compare(g, 120), -2) << "seed " << seed;
     }
     zor_buffer_set_default_size(1024);
+}
+
+/* Past 2 GiB a token's text comes from its 64-bit offset; `start` keeps the low 32 bits. */
+TEST(Jsmn, InputPast2GiB)
+{
+    if (RUNNING_ON_VALGRIND)
+        GTEST_SKIP() << "too slow under valgrind";
+    const uint64_t block = 1 << 20, blocks = 2048, far = block * blocks;
+    const char doc[] = "[\"a\", {\"k\": [1, 22]}]";
+    int fd = memfd_create("jsmn-spaces", 0);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(ftruncate(fd, block), 0);
+    char *base = static_cast<char *>(
+        mmap(nullptr, far + block, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(base, MAP_FAILED);
+    for (uint64_t k = 0; k < blocks; k++)
+        ASSERT_NE(
+            mmap(base + k * block, block, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, fd, 0),
+            MAP_FAILED);
+    close(fd);
+    memset(base, ' ', block);
+    memcpy(base + far, doc, sizeof(doc) - 1);
+
+    jsmn_tokenizer t;
+    jsmn_init(&t, nullptr, 4);
+    EXPECT_EQ(jsmn_parse(&t, base, far + sizeof(doc) - 1), 7);
+    const char *texts[] = {doc, "a", "{\"k\": [1, 22]}", "k", "[1, 22]", "1", "22"};
+    for (int i = 0; i < 7; i++) {
+        const jsmn_token &k = t.tokens[i];
+        ASSERT_EQ(k.str.ptr, base + far + (strstr(doc, texts[i]) - doc)) << i;
+        ASSERT_EQ(k.str.len, strlen(texts[i])) << i;
+        EXPECT_EQ(static_cast<uint32_t>(k.start), static_cast<uint32_t>(k.str.ptr - base));
+    }
+    EXPECT_EQ(t.pos, static_cast<uint32_t>(far + sizeof(doc) - 1));
+    /* Cut inside: the open containers still show no text. */
+    EXPECT_EQ(jsmn_parse(&t, base, far + 10), JSMN_ERR_PARTIAL);
+    EXPECT_EQ(t.tokens[0].str.ptr, nullptr);
+    EXPECT_EQ(t.tokens[0].str.len, 0u);
+    EXPECT_EQ(t.tokens[0].skip, 0);
+    jsmn_destroy(&t);
+    munmap(base, far + block);
 }
