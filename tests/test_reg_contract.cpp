@@ -306,6 +306,12 @@ TEST(RegContract, BrokenPreconditionsStopWithTheirText)
              entry_of(r)->changes_prohibited = 1; /* b is watched by nobody: refused all the same */
              zor_reg_field_set(r, s.b, &one);
          }},
+        {"zor_reg_entry_changed", "!hdr->changes_prohibited",
+         [](Reg &s) {
+             Rec *r = s.make(1, 5); /* a set value that changes takes the other path */
+             entry_of(r)->changes_prohibited = 1;
+             zor_reg_field_set(r, s.a, &one);
+         }},
         {"zor_reg_rec_delete_pending", "flag",
          [](Reg &s) {
              Rec *r = s.make(1);
