@@ -78,27 +78,42 @@ TEST(BufferAndJson, BrokenPreconditionsStop)
     char text[4];
     zor_json_ctx j;
     using B = zor_buffer &;
-    auto full = [&](B x) { /* a writer whose layout stack holds 32 arrays */
-                           zor_json_init(&j, &x, 2, 0);
-                           for (int i = 0; i < 32; i++)
-                               zor_json_start_arr(&j, i == 0);
+    /* Fills a writer's layout stack: 32 arrays. */
+    auto full = [&](B x) {
+        zor_json_init(&j, &x, 2, 0);
+        for (int i = 0; i < 32; i++)
+            zor_json_start_arr(&j, i == 0);
     };
     struct {
         std::function<void(B)> run;
         const char *function, *text;
     } stops[] = {
         {[](B x) { zor_buffer_consume(&x, 4); }, "zor_buffer_consume", "count <= buffer->size"},
-        {[](B x) { x.size = 10, zor_buffer_consume(&x, 5); }, "zor_buffer_consume",
-         "block != ((void *)0)"},
-        {[](B x) { zor_buffer_free(&x), x.size = 5, zor_buffer_consume(&x, 1); },
-         "zor_buffer_consume", "block != ((void *)0)"},
-        {[](B x) { x.read_offset = 4, zor_buffer_consume(&x, 1); }, "zor_buffer_consume",
-         "buffer->read_offset + count < block->size"},
-        {[&](B x) { x.read_offset = 4, zor_buffer_iovs(&x, &v, 1); }, "zor_buffer_iovs",
-         "vector[0].iov_len >= offset"},
         {[](B x) {
-             zor_write(&x, std::string(2000, 'x').data(), 2000), x.block_count = 0,
-                                                                 zor_buffer_consume(&x, 2003);
+             x.size = 10;
+             zor_buffer_consume(&x, 5);
+         },
+         "zor_buffer_consume", "block != ((void *)0)"},
+        {[](B x) {
+             zor_buffer_free(&x);
+             x.size = 5;
+             zor_buffer_consume(&x, 1);
+         },
+         "zor_buffer_consume", "block != ((void *)0)"},
+        {[](B x) {
+             x.read_offset = 4;
+             zor_buffer_consume(&x, 1);
+         },
+         "zor_buffer_consume", "buffer->read_offset + count < block->size"},
+        {[&](B x) {
+             x.read_offset = 4;
+             zor_buffer_iovs(&x, &v, 1);
+         },
+         "zor_buffer_iovs", "vector[0].iov_len >= offset"},
+        {[](B x) {
+             zor_write(&x, std::string(2000, 'x').data(), 2000);
+             x.block_count = 0;
+             zor_buffer_consume(&x, 2003);
          },
          "zor_buffer_consume", "buffer->block_count != 0"},
         {[&](B) { jsmn_init(&t, nullptr, 0); }, "jsmn_init", "token_count != 0"},
@@ -106,10 +121,16 @@ TEST(BufferAndJson, BrokenPreconditionsStop)
          "size >= str.len"},
         {[&](B) { jsmn_str_unescape(zor_str_init(""), nullptr, 0); }, "zor_str_init_len",
          "str != ((void *)0)"},
-        {[&](B x) { full(x), zor_json_start_arr(&j, 0); }, "zor_json_start_arr",
-         "(ctx->array_types & 0x80000000) == 0x0"},
-        {[&](B x) { full(x), zor_json_start_arr_pair(&j, "k", 1); }, "zor_json_start_arr_pair",
-         "(ctx->array_types & 0x80000000) == 0x0"},
+        {[&](B x) {
+             full(x);
+             zor_json_start_arr(&j, 0);
+         },
+         "zor_json_start_arr", "(ctx->array_types & 0x80000000) == 0x0"},
+        {[&](B x) {
+             full(x);
+             zor_json_start_arr_pair(&j, "k", 1);
+         },
+         "zor_json_start_arr_pair", "(ctx->array_types & 0x80000000) == 0x0"},
     };
     for (const auto &s : stops) {
         zor_printf(&b, "abc");
